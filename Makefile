@@ -1,0 +1,43 @@
+# The two commands a newcomer needs:
+#   make demo   bootstrap, build, and walk through what Brivet does
+#   make test   bootstrap, build with GCC (warnings are errors) and run every test
+# Also: make test-asan (Clang, AddressSanitizer + UndefinedBehaviorSanitizer),
+#       make test-tsan (Clang, ThreadSanitizer), make bench (all benchmarks).
+BUILD ?= build
+JOBS  ?= $(shell nproc)
+CTEST  = ctest --output-on-failure --no-tests=error -j $(JOBS) --test-dir
+
+.PHONY: all bootstrap build test test-asan test-tsan bench demo clean
+
+all: build
+
+bootstrap:
+	@./scripts/bootstrap.sh
+
+build: bootstrap
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIVET_WERROR=ON >/dev/null
+	@cmake --build $(BUILD)
+
+test: build
+	@$(CTEST) $(BUILD)
+
+test-asan: bootstrap
+	@cmake -S . -B build-asan -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DBRIVET_WERROR=ON -DBRIVET_SANITIZE=address,undefined -DBRIVET_BUILD_BENCHMARKS=OFF >/dev/null
+	@cmake --build build-asan
+	@ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  $(CTEST) build-asan
+
+test-tsan: bootstrap
+	@cmake -S . -B build-tsan -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DBRIVET_WERROR=ON -DBRIVET_SANITIZE=thread -DBRIVET_BUILD_BENCHMARKS=OFF -DBRIVET_BUILD_TOOLS=OFF >/dev/null
+	@cmake --build build-tsan
+	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST) build-tsan -L tsan
+
+bench: bootstrap
+	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRIVET_BUILD_TESTS=OFF >/dev/null
+	@cmake --build build-release --target brivet_benchmarks
+	@./build-release/brivet_benchmarks $(BENCH_ARGS)
+
+clean:
+	rm -rf $(BUILD) build-asan build-tsan build-release

@@ -1,0 +1,377 @@
+#include "brivet/platform/json.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "brivet/platform/format.h"
+#include "brivet/platform/internal/rapidjson.h"
+
+namespace brivet {
+namespace {
+
+Error jsonError(JSONErrorCode code, std::string message) {
+  return Error::withDescription(std::string(kJSONErrorDomain), static_cast<std::int64_t>(code), std::move(message));
+}
+
+// UTF-8 check with an eight-bytes-at-a-time fast path for ASCII runs.
+bool isValidUTF8(std::string_view s) {
+  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+  const auto* end = p + s.size();
+  while (p < end) {
+    if (end - p >= 8) {
+      std::uint64_t word;
+      __builtin_memcpy(&word, p, 8);
+      if ((word & 0x8080808080808080ULL) == 0) {
+        p += 8;
+        continue;
+      }
+    }
+    const unsigned c = *p;
+    if (c < 0x80) {
+      ++p;
+      continue;
+    }
+    std::size_t n;
+    unsigned cp;
+    if ((c & 0xE0) == 0xC0) {
+      n = 1;
+      cp = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      n = 2;
+      cp = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      n = 3;
+      cp = c & 0x07;
+    } else {
+      return false;
+    }
+    if (static_cast<std::size_t>(end - p) <= n) return false;
+    for (std::size_t i = 1; i <= n; ++i) {
+      if ((p[i] & 0xC0) != 0x80) return false;
+      cp = (cp << 6) | (p[i] & 0x3F);
+    }
+    const bool overlong = (n == 1 && cp < 0x80) || (n == 2 && cp < 0x800) || (n == 3 && cp < 0x10000);
+    if (overlong || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+    p += n + 1;
+  }
+  return true;
+}
+
+// Keys repeat in every object of a document ("title", "$type"...), and so do
+// short values ("atom", "ref", path steps): within one parse, short strings
+// are shared instead of allocated again. The table is bounded; once full it
+// only answers lookups. Equal interned strings are one object, so two
+// interned keys are the same key exactly when they are identical.
+class StringTable {
+ public:
+  // Answers the shared string, and whether it is interned.
+  std::pair<Object, bool> intern(const char* s, std::size_t length) {
+    if (length > kMaxLength) return {Object(std::string(s, length)), false};
+    const std::string_view text(s, length);
+    const std::size_t hash = String::hashText(text);
+    if (slots_.empty()) slots_.resize(kInitialSlots);
+    for (;;) {
+      const std::size_t mask = slots_.size() - 1;
+      for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+        Slot& slot = slots_[i];
+        if (slot.string.isNil()) {
+          if (used_ * 2 >= slots_.size()) break;  // grow, or stop adding when at the bound
+          slot = Slot{hash, Object(std::string(s, length))};
+          ++used_;
+          return {slot.string, true};
+        }
+        if (slot.hash == hash && slot.string.stringValue() == text) return {slot.string, true};
+      }
+      if (slots_.size() >= kMaxSlots) return {Object(std::string(s, length)), false};
+      grow();
+    }
+  }
+
+ private:
+  struct Slot {
+    std::size_t hash = 0;
+    Object string;
+  };
+  static constexpr std::size_t kInitialSlots = 64;
+  static constexpr std::size_t kMaxSlots = 8192;
+  static constexpr std::size_t kMaxLength = 24;
+
+  void grow() {
+    std::vector<Slot> old(slots_.size() * 2);
+    old.swap(slots_);
+    const std::size_t mask = slots_.size() - 1;
+    for (Slot& slot : old) {
+      if (slot.string.isNil()) continue;
+      std::size_t i = slot.hash & mask;
+      while (!slots_[i].string.isNil()) i = (i + 1) & mask;
+      slots_[i] = std::move(slot);
+    }
+  }
+
+  std::vector<Slot> slots_;
+  std::size_t used_ = 0;
+};
+
+// SAX handler that builds objects on one value stack: scalars are pushed,
+// a container's end pops its members into a new array or dictionary.
+class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ObjectBuilder> {
+ public:
+  explicit ObjectBuilder(bool mutableContainers) : mutable_(mutableContainers) { values_.reserve(64); }
+
+  bool Null() { return push(Object::null()); }
+  bool Bool(bool b) { return push(Object::boolean(b)); }
+  bool Int(int i) { return push(Object::integer(i)); }
+  bool Uint(unsigned u) { return push(Object::integer(u)); }
+  bool Int64(std::int64_t i) { return push(Object::integer(i)); }
+  bool Uint64(std::uint64_t u) {
+    return push(u <= static_cast<std::uint64_t>(INT64_MAX) ? Object::integer(static_cast<std::int64_t>(u))
+                                                          : Object::unsignedInteger(u));
+  }
+  bool Double(double d) { return push(Object::real(d)); }
+  bool String(const char* s, rapidjson::SizeType length, bool) {
+    return push(length <= kShortValue ? strings_.intern(s, length).first : Object(std::string(s, length)));
+  }
+  bool Key(const char* s, rapidjson::SizeType length, bool) {
+    auto [key, interned] = strings_.intern(s, length);
+    if (!interned) ++unsharedKeys_;
+    return push(std::move(key));
+  }
+
+  bool StartObject() {
+    unsharedKeyMarks_.push_back(unsharedKeys_);
+    return enter();
+  }
+  bool StartArray() { return enter(); }
+
+  bool EndObject(rapidjson::SizeType memberCount) {
+    --depth_;
+    const std::size_t first = values_.size() - 2 * static_cast<std::size_t>(memberCount);
+    std::vector<Object::Entry> entries;
+    entries.reserve(memberCount);
+    for (std::size_t i = first; i < values_.size(); i += 2) {
+      entries.emplace_back(std::move(values_[i]), std::move(values_[i + 1]));
+    }
+    values_.resize(first);
+    // When every key of this object is interned, identity decides duplicates.
+    const bool allShared = unsharedKeys_ == unsharedKeyMarks_.back();
+    unsharedKeyMarks_.pop_back();
+    if (allShared && memberCount <= 16) {
+      for (std::size_t i = 1; i < entries.size(); ++i) {
+        for (std::size_t j = 0; j < i; ++j) {
+          if (entries[i].first.isIdentical(entries[j].first)) {
+            return push(mutable_ ? Object::mutableDictionary(std::move(entries))
+                                 : Object::dictionary(std::move(entries)));
+          }
+        }
+      }
+      return push(Object::dictionaryWithDistinctKeys(std::move(entries), mutable_));
+    }
+    return push(mutable_ ? Object::mutableDictionary(std::move(entries)) : Object::dictionary(std::move(entries)));
+  }
+
+  bool EndArray(rapidjson::SizeType elementCount) {
+    --depth_;
+    const std::size_t first = values_.size() - elementCount;
+    std::vector<Object> elements(std::make_move_iterator(values_.begin() + static_cast<std::ptrdiff_t>(first)),
+                                 std::make_move_iterator(values_.end()));
+    values_.resize(first);
+    return push(mutable_ ? Object::mutableArray(std::move(elements)) : Object::array(std::move(elements)));
+  }
+
+  bool tooDeep() const { return tooDeep_; }
+  Object result() { return values_.empty() ? Object() : std::move(values_.back()); }
+
+ private:
+  bool push(Object o) {
+    values_.push_back(std::move(o));
+    return true;
+  }
+  bool enter() {
+    if (++depth_ > kMaxJSONNestingDepth) {
+      tooDeep_ = true;
+      return false;
+    }
+    return true;
+  }
+
+  static constexpr std::size_t kShortValue = 12;
+  std::vector<Object> values_;
+  StringTable strings_;
+  std::size_t unsharedKeys_ = 0;
+  std::vector<std::size_t> unsharedKeyMarks_;
+  std::size_t depth_ = 0;
+  bool tooDeep_ = false;
+  const bool mutable_;
+};
+
+// Why an object cannot be written, or nullptr when it can.
+const char* invalidReason(const Object& o, std::size_t depth) {
+  if (o.isNil()) return "nil value";
+  switch (o.kind()) {
+    case ObjectKind::Null: return nullptr;
+    case ObjectKind::String: return isValidUTF8(o.stringValue()) ? nullptr : "a string that is not UTF-8";
+    case ObjectKind::Number: {
+      const Number* n = o.asNumber();
+      if (n->type() != Number::Type::Double) return nullptr;
+      const double d = n->doubleValue();
+      return d - d == 0 ? nullptr : "a number that is not finite";
+    }
+    case ObjectKind::Array:
+      if (depth >= kMaxJSONNestingDepth) return "nesting deeper than the JSON limit";
+      for (const Object& e : *o.asArray()) {
+        if (const char* why = invalidReason(e, depth + 1)) return why;
+      }
+      return nullptr;
+    case ObjectKind::Dictionary:
+      if (depth >= kMaxJSONNestingDepth) return "nesting deeper than the JSON limit";
+      for (const auto& [k, v] : *o.asDictionary()) {
+        if (!k.isString()) return "a dictionary key that is not a string";
+        if (!isValidUTF8(k.stringValue())) return "a string that is not UTF-8";
+        if (const char* why = invalidReason(v, depth + 1)) return why;
+      }
+      return nullptr;
+    case ObjectKind::Date: return "a date";
+    case ObjectKind::Data: return "a data object";
+    case ObjectKind::Custom: return "a library object";
+  }
+  return "an unknown object";
+}
+
+const char* invalidTopLevel(const Object& o, JSONWritingOptions options) {
+  if (!(options & JSONWritingOptions::FragmentsAllowed) && !o.isArray() && !o.isDictionary()) {
+    return "the top level is not an array or a dictionary";
+  }
+  return invalidReason(o, 0);
+}
+
+template <class Writer>
+bool writeValue(Writer& w, const Object& o, bool sortKeys) {
+  switch (o.kind()) {
+    case ObjectKind::Null: return w.Null();
+    case ObjectKind::Number: {
+      const Number* n = o.asNumber();
+      switch (n->type()) {
+        case Number::Type::Boolean: return w.Bool(n->boolValue());
+        case Number::Type::Signed: return w.Int64(n->int64Value());
+        case Number::Type::Unsigned: return w.Uint64(n->uint64Value());
+        case Number::Type::Double: return w.Double(n->doubleValue());
+      }
+      return false;
+    }
+    case ObjectKind::String: {
+      const std::string_view s = o.stringValue();
+      return w.String(s.data(), static_cast<rapidjson::SizeType>(s.size()));
+    }
+    case ObjectKind::Array: {
+      if (!w.StartArray()) return false;
+      for (const Object& e : *o.asArray()) {
+        if (!writeValue(w, e, sortKeys)) return false;
+      }
+      return w.EndArray();
+    }
+    case ObjectKind::Dictionary: {
+      if (!w.StartObject()) return false;
+      const Dictionary& d = *o.asDictionary();
+      if (sortKeys) {
+        std::vector<const Object::Entry*> entries;
+        entries.reserve(d.size());
+        for (const auto& entry : d) entries.push_back(&entry);
+        std::sort(entries.begin(), entries.end(),
+                  [](const auto* a, const auto* b) { return a->first.stringValue() < b->first.stringValue(); });
+        for (const auto* entry : entries) {
+          const std::string_view k = entry->first.stringValue();
+          if (!w.Key(k.data(), static_cast<rapidjson::SizeType>(k.size())) ||
+              !writeValue(w, entry->second, sortKeys)) {
+            return false;
+          }
+        }
+      } else {
+        for (const auto& [key, value] : d) {
+          const std::string_view k = key.stringValue();
+          if (!w.Key(k.data(), static_cast<rapidjson::SizeType>(k.size())) || !writeValue(w, value, sortKeys)) {
+            return false;
+          }
+        }
+      }
+      return w.EndObject();
+    }
+    default: return false;
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// Parses in place on a private, NUL-terminated copy: strings are decoded into
+// the buffer and copied out once.
+template <unsigned kFlags>
+Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options) {
+  std::string buffer;
+  buffer.reserve(text.size() + 1);
+  buffer.assign(text.data(), text.size());
+  rapidjson::InsituStringStream stream(buffer.data());
+  rapidjson::Reader reader;
+  ObjectBuilder builder(options & JSONReadingOptions::MutableContainers);
+  const rapidjson::ParseResult parsed = reader.Parse<kFlags>(stream, builder);
+  if (builder.tooDeep()) {
+    return jsonError(JSONErrorCode::NestingTooDeep,
+                     formatString("JSON text nests deeper than %zu levels at byte offset %zu.", kMaxJSONNestingDepth,
+                                  parsed.Offset()));
+  }
+  if (parsed.IsError()) {
+    return jsonError(JSONErrorCode::InvalidText,
+                     formatString("JSON text is not valid at byte offset %zu: %s", parsed.Offset(),
+                                  rapidjson::GetParseError_En(parsed.Code())));
+  }
+  // The reader stops at a NUL byte; anything after it is trailing data.
+  const std::size_t consumed = stream.Tell();
+  if (consumed != text.size()) {
+    return jsonError(JSONErrorCode::InvalidText,
+                     formatString("JSON text is not valid at byte offset %zu: unexpected NUL byte.", consumed));
+  }
+  Object result = builder.result();
+  if (!(options & JSONReadingOptions::FragmentsAllowed) && !result.isArray() && !result.isDictionary()) {
+    return jsonError(JSONErrorCode::FragmentNotAllowed,
+                     "JSON text did not start with an array or an object and fragments are not allowed.");
+  }
+  return result;
+}
+
+constexpr unsigned kParseFlags =
+    rapidjson::kParseInsituFlag | rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
+
+}  // namespace
+
+Result<Object> parseJSON(std::string_view text, JSONReadingOptions options) {
+  // The whole text is checked for UTF-8 at once, which is far cheaper than the
+  // reader's per-character check; text that fails is parsed again with the
+  // reader's check so the error names the first fault and its offset.
+  if (isValidUTF8(text)) return parseWithFlags<kParseFlags>(text, options);
+  return parseWithFlags<kParseFlags | rapidjson::kParseValidateEncodingFlag>(text, options);
+}
+
+bool isValidJSONObject(const Object& object, JSONWritingOptions options) {
+  return invalidTopLevel(object, options) == nullptr;
+}
+
+Result<std::string> writeJSON(const Object& object, JSONWritingOptions options) {
+  if (const char* why = invalidTopLevel(object, options)) {
+    return jsonError(JSONErrorCode::InvalidObject, std::string("Invalid object for JSON writing: ") + why + ".");
+  }
+  rapidjson::StringBuffer out;
+  const bool sortKeys = options & JSONWritingOptions::SortedKeys;
+  bool written;
+  if (options & JSONWritingOptions::PrettyPrinted) {
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(out);
+    writer.SetIndent(' ', 2);
+    written = writeValue(writer, object, sortKeys);
+  } else {
+    rapidjson::Writer<rapidjson::StringBuffer> writer(out);
+    written = writeValue(writer, object, sortKeys);
+  }
+  if (!written) return jsonError(JSONErrorCode::InvalidObject, "Invalid object for JSON writing.");
+  return std::string(out.GetString(), out.GetSize());
+}
+
+}  // namespace brivet

@@ -1,0 +1,793 @@
+#include "brivet/platform/object.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+
+#include "brivet/platform/precondition.h"
+
+namespace brivet {
+namespace {
+
+class NullObject final : public internal::ObjectBase {
+ public:
+  NullObject() : ObjectBase(ObjectKind::Null) {}
+};
+
+// The singletons live for the whole process (never destroyed, so they stay
+// valid in blocks that still run while the process exits).
+const std::shared_ptr<internal::ObjectBase>& nullSingleton() {
+  static const auto* instance = new std::shared_ptr<internal::ObjectBase>(std::make_shared<NullObject>());
+  return *instance;
+}
+const std::shared_ptr<internal::ObjectBase>& booleanSingleton(bool value) {
+  static const auto* yes = new std::shared_ptr<internal::ObjectBase>(std::make_shared<Number>(true));
+  static const auto* no = new std::shared_ptr<internal::ObjectBase>(std::make_shared<Number>(false));
+  return value ? *yes : *no;
+}
+
+template <class T>
+const T& as(const std::shared_ptr<internal::ObjectBase>& impl) {
+  return static_cast<const T&>(*impl);
+}
+template <class T>
+T& asMutable(const std::shared_ptr<internal::ObjectBase>& impl) {
+  return static_cast<T&>(*impl);
+}
+
+std::size_t mix(std::uint64_t x) {
+  x ^= x >> 30;
+  x *= 0xbf58476d1ce4e5b9ULL;
+  x ^= x >> 27;
+  x *= 0x94d049bb133111ebULL;
+  x ^= x >> 31;
+  return static_cast<std::size_t>(x);
+}
+
+constexpr double kTwo63 = 9223372036854775808.0;
+constexpr double kTwo64 = 18446744073709551616.0;
+
+int threeWay(auto a, auto b) { return a < b ? -1 : (a > b ? 1 : 0); }
+
+int compareSignedUnsigned(std::int64_t a, std::uint64_t b) {
+  if (a < 0) return -1;
+  return threeWay(static_cast<std::uint64_t>(a), b);
+}
+
+// Exact comparison of an integer with a double, without rounding the integer.
+int compareSignedDouble(std::int64_t a, double d) {
+  if (std::isnan(d)) return 2;
+  if (d >= kTwo63) return -1;
+  if (d < -kTwo63) return 1;
+  const double t = std::trunc(d);
+  const auto ti = static_cast<std::int64_t>(t);
+  if (a != ti) return threeWay(a, ti);
+  const double frac = d - t;
+  return frac > 0 ? -1 : (frac < 0 ? 1 : 0);
+}
+
+int compareUnsignedDouble(std::uint64_t a, double d) {
+  if (std::isnan(d)) return 2;
+  if (d < 0) return 1;
+  if (d >= kTwo64) return -1;
+  const double t = std::trunc(d);
+  const auto ti = static_cast<std::uint64_t>(t);
+  if (a != ti) return threeWay(a, ti);
+  return d - t > 0 ? -1 : 0;
+}
+
+int negate(int c) { return c == 2 ? 2 : -c; }
+
+bool isPlainText(std::string_view s) {
+  if (s.empty()) return false;
+  for (char c : s) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '_' || c == '.' || c == '$' || c == '-';
+    if (!plain) return false;
+  }
+  return true;
+}
+
+void appendQuoted(std::string& out, std::string_view s) {
+  out += '"';
+  for (char c : s) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      default: out += c;
+    }
+  }
+  out += '"';
+}
+
+void describe(const Object& o, std::string& out);
+
+void describeContainerElement(const Object& o, std::string& out) {
+  if (o.isString() && !isPlainText(o.stringValue())) {
+    appendQuoted(out, o.stringValue());
+  } else {
+    describe(o, out);
+  }
+}
+
+std::string describeData(const std::vector<std::uint8_t>& bytes) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out = "{length = " + std::to_string(bytes.size()) + ", bytes = 0x";
+  const std::size_t shown = bytes.size() > 24 ? 24 : bytes.size();
+  for (std::size_t i = 0; i < shown; ++i) {
+    out += kHex[bytes[i] >> 4];
+    out += kHex[bytes[i] & 15];
+  }
+  if (shown < bytes.size()) out += "...";
+  out += '}';
+  return out;
+}
+
+void describe(const Object& o, std::string& out) {
+  if (o.isNil()) {
+    out += "(nil)";
+    return;
+  }
+  switch (o.kind()) {
+    case ObjectKind::Null: out += "<null>"; break;
+    case ObjectKind::Number: out += o.asNumber()->description(); break;
+    case ObjectKind::String: out += o.stringValue(); break;
+    case ObjectKind::Array: {
+      out += '(';
+      bool first = true;
+      for (const Object& e : *o.asArray()) {
+        if (!first) out += ", ";
+        first = false;
+        describeContainerElement(e, out);
+      }
+      out += ')';
+      break;
+    }
+    case ObjectKind::Dictionary: {
+      out += '{';
+      bool first = true;
+      for (const auto& [k, v] : *o.asDictionary()) {
+        out += first ? "" : " ";
+        first = false;
+        describeContainerElement(k, out);
+        out += " = ";
+        describeContainerElement(v, out);
+        out += ';';
+      }
+      out += '}';
+      break;
+    }
+    case ObjectKind::Date: out += dateDescription(o.asDate()->value()); break;
+    case ObjectKind::Data: out += describeData(o.asData()->bytes()); break;
+    case ObjectKind::Custom: out += o.asCustom()->description(); break;
+  }
+}
+
+constexpr std::size_t kLinearLimit = 8;
+constexpr std::uint32_t kEmptySlot = 0;
+constexpr std::uint32_t kTombstone = 0xFFFFFFFFu;
+
+bool keyEqualsText(const Object& key, std::string_view text) {
+  const String* s = key.asString();
+  return s != nullptr && s->text() == text;
+}
+
+}  // namespace
+
+// --- Object construction ---
+
+Object::Object(const char* text) : Object(std::string(text)) {}
+Object::Object(std::string_view text) : Object(std::string(text)) {}
+Object::Object(std::string text) : impl_(std::make_shared<String>(std::move(text))) {}
+Object::Object(std::shared_ptr<CustomObject> custom) : impl_(std::move(custom)) {}
+
+Object Object::null() { return fromImpl(nullSingleton()); }
+Object Object::boolean(bool value) { return fromImpl(booleanSingleton(value)); }
+// Small integers are shared, as the platform does: they are the most common
+// numbers in JSON documents and sharing them saves an allocation each.
+Object Object::integer(std::int64_t value) {
+  constexpr std::int64_t kLow = -128;
+  constexpr std::int64_t kHigh = 2047;
+  if (value < kLow || value > kHigh) return fromImpl(std::make_shared<Number>(value));
+  static const auto* cache = [] {
+    auto* numbers = new std::vector<std::shared_ptr<internal::ObjectBase>>();
+    numbers->reserve(kHigh - kLow + 1);
+    for (std::int64_t i = kLow; i <= kHigh; ++i) numbers->push_back(std::make_shared<Number>(i));
+    return numbers;
+  }();
+  return fromImpl((*cache)[static_cast<std::size_t>(value - kLow)]);
+}
+Object Object::unsignedInteger(std::uint64_t value) { return fromImpl(std::make_shared<Number>(value)); }
+Object Object::real(double value) { return fromImpl(std::make_shared<Number>(value)); }
+Object Object::array(std::vector<Object> elements) {
+  return fromImpl(std::make_shared<Array>(std::move(elements), false));
+}
+Object Object::array(std::initializer_list<Object> elements) { return array(std::vector<Object>(elements)); }
+Object Object::mutableArray(std::vector<Object> elements) {
+  return fromImpl(std::make_shared<Array>(std::move(elements), true));
+}
+Object Object::dictionary(std::vector<Entry> entries) {
+  return fromImpl(std::make_shared<Dictionary>(std::move(entries), false));
+}
+Object Object::dictionary(std::initializer_list<Entry> entries) {
+  return dictionary(std::vector<Entry>(entries));
+}
+Object Object::mutableDictionary(std::vector<Entry> entries) {
+  return fromImpl(std::make_shared<Dictionary>(std::move(entries), true));
+}
+Object Object::mutableDictionary(std::initializer_list<Entry> entries) {
+  return mutableDictionary(std::vector<Entry>(entries));
+}
+Object Object::dictionaryWithDistinctKeys(std::vector<Entry> entries, bool isMutable) {
+  return fromImpl(std::make_shared<Dictionary>(std::move(entries), isMutable, Dictionary::DistinctKeys{}));
+}
+Object Object::date(Date value) { return fromImpl(std::make_shared<DateObject>(value)); }
+Object Object::data(std::vector<std::uint8_t> bytes) { return fromImpl(std::make_shared<Data>(std::move(bytes))); }
+
+// --- Kind tests and access ---
+
+ObjectKind Object::kind() const {
+  BRIVET_PRECONDITION(impl_ != nullptr, "kind() of a nil Object");
+  return impl_->kind();
+}
+bool Object::isBoolean() const { return isNumber() && as<Number>(impl_).isBoolean(); }
+bool Object::isMutableArray() const { return isArray() && as<Array>(impl_).isMutable(); }
+bool Object::isMutableDictionary() const { return isDictionary() && as<Dictionary>(impl_).isMutable(); }
+
+Array* Object::asMutableArray() const { return isMutableArray() ? &asMutable<Array>(impl_) : nullptr; }
+Dictionary* Object::asMutableDictionary() const {
+  return isMutableDictionary() ? &asMutable<Dictionary>(impl_) : nullptr;
+}
+const DateObject* Object::asDate() const { return isDate() ? &as<DateObject>(impl_) : nullptr; }
+const Data* Object::asData() const { return isData() ? &as<Data>(impl_) : nullptr; }
+CustomObject* Object::asCustom() const { return isCustom() ? &asMutable<CustomObject>(impl_) : nullptr; }
+
+
+std::size_t Object::count() const {
+  if (const Array* a = asArray()) return a->size();
+  if (const Dictionary* d = asDictionary()) return d->size();
+  return 0;
+}
+
+Object Object::operator[](std::string_view key) const {
+  const Dictionary* d = asDictionary();
+  return d != nullptr ? d->objectForKey(key) : Object();
+}
+
+Object Object::operator[](std::size_t index) const {
+  const Array* a = asArray();
+  return a != nullptr ? a->at(index) : Object();
+}
+
+// --- Equality, hashing, description ---
+
+bool Object::isEqual(const Object& other) const {
+  if (impl_ == other.impl_) return true;
+  if (impl_ == nullptr || other.impl_ == nullptr) return false;
+  if (impl_->kind() != other.impl_->kind()) return false;
+  switch (impl_->kind()) {
+    case ObjectKind::Null: return true;
+    case ObjectKind::Number: return as<Number>(impl_).isEqual(as<Number>(other.impl_));
+    case ObjectKind::String: return as<String>(impl_).text() == as<String>(other.impl_).text();
+    case ObjectKind::Array: {
+      const auto& a = as<Array>(impl_).elements();
+      const auto& b = as<Array>(other.impl_).elements();
+      if (a.size() != b.size()) return false;
+      for (std::size_t i = 0; i < a.size(); ++i) {
+        if (!a[i].isEqual(b[i])) return false;
+      }
+      return true;
+    }
+    case ObjectKind::Dictionary: {
+      const auto& a = as<Dictionary>(impl_);
+      const auto& b = as<Dictionary>(other.impl_);
+      if (a.size() != b.size()) return false;
+      for (const auto& [k, v] : a) {
+        if (!v.isEqual(b.objectForKey(k))) return false;
+      }
+      return true;
+    }
+    case ObjectKind::Date: return as<DateObject>(impl_).value() == as<DateObject>(other.impl_).value();
+    case ObjectKind::Data: return as<Data>(impl_).bytes() == as<Data>(other.impl_).bytes();
+    case ObjectKind::Custom: return as<CustomObject>(impl_).isEqual(as<CustomObject>(other.impl_));
+  }
+  return false;
+}
+
+std::size_t Object::hash() const {
+  if (impl_ == nullptr) return 0;
+  switch (impl_->kind()) {
+    case ObjectKind::Null: return 0x6e756c6cu;
+    case ObjectKind::Number: return as<Number>(impl_).hash();
+    case ObjectKind::String: return String::hashText(as<String>(impl_).text());
+    case ObjectKind::Array: return mix(as<Array>(impl_).size() ^ 0xa77a7);
+    case ObjectKind::Dictionary: return mix(as<Dictionary>(impl_).size() ^ 0xd1c7);
+    case ObjectKind::Date:
+      return mix(static_cast<std::uint64_t>(as<DateObject>(impl_).value().time_since_epoch().count()));
+    case ObjectKind::Data: return mix(as<Data>(impl_).bytes().size() ^ 0xda7a);
+    case ObjectKind::Custom: return as<CustomObject>(impl_).hash();
+  }
+  return 0;
+}
+
+std::string Object::description() const {
+  std::string out;
+  describe(*this, out);
+  return out;
+}
+
+// --- Copies ---
+
+Object Object::copy() const {
+  if (const Array* a = asArray()) {
+    return a->isMutable() ? array(std::vector<Object>(a->begin(), a->end())) : *this;
+  }
+  if (const Dictionary* d = asDictionary()) {
+    return d->isMutable() ? fromImpl(std::make_shared<Dictionary>(*d, false)) : *this;
+  }
+  return *this;
+}
+
+Object Object::mutableCopy() const {
+  if (const Array* a = asArray()) return mutableArray(std::vector<Object>(a->begin(), a->end()));
+  if (const Dictionary* d = asDictionary()) return fromImpl(std::make_shared<Dictionary>(*d, true));
+  return Object();
+}
+
+// --- Key-value lookup ---
+
+Object Object::valueForKey(std::string_view key) const {
+  if (const Dictionary* d = asDictionary()) return d->objectForKey(key);
+  if (CustomObject* c = asCustom()) return c->valueForKey(key);
+  return Object();
+}
+
+Object Object::valueForKeyPath(std::string_view keyPath) const {
+  if (CustomObject* c = asCustom()) return c->valueForKeyPath(keyPath);
+  const Dictionary* d = asDictionary();
+  if (d == nullptr) return Object();
+  const std::size_t dot = keyPath.find('.');
+  if (dot == std::string_view::npos) return d->objectForKey(keyPath);
+  const Object child = d->objectForKey(keyPath.substr(0, dot));
+  return child.isNil() ? Object() : child.valueForKeyPath(keyPath.substr(dot + 1));
+}
+
+void Object::setValueForKey(const Object& value, std::string_view key) const {
+  if (Dictionary* d = asMutableDictionary()) {
+    d->setObject(value, key);
+  } else if (CustomObject* c = asCustom()) {
+    c->setValueForKey(value, key);
+  }
+}
+
+void Object::setValueForKeyPath(const Object& value, std::string_view keyPath) const {
+  if (CustomObject* c = asCustom()) {
+    c->setValueForKeyPath(value, keyPath);
+    return;
+  }
+  const Dictionary* d = asDictionary();
+  if (d == nullptr) return;
+  const std::size_t dot = keyPath.find('.');
+  if (dot == std::string_view::npos) {
+    setValueForKey(value, keyPath);
+    return;
+  }
+  d->objectForKey(keyPath.substr(0, dot)).setValueForKeyPath(value, keyPath.substr(dot + 1));
+}
+
+// --- Number ---
+
+bool Number::boolValue() const {
+  switch (type_) {
+    case Type::Double: return u_.d != 0.0;
+    default: return u_.u != 0;
+  }
+}
+
+std::int64_t Number::int64Value() const {
+  if (type_ != Type::Double) return u_.i;
+  const double d = u_.d;
+  if (std::isnan(d)) return 0;
+  if (d >= kTwo63) return INT64_MAX;
+  if (d < -kTwo63) return INT64_MIN;
+  return static_cast<std::int64_t>(d);
+}
+
+std::uint64_t Number::uint64Value() const {
+  if (type_ != Type::Double) return u_.u;
+  const double d = u_.d;
+  if (std::isnan(d)) return 0;
+  if (d < 0) return static_cast<std::uint64_t>(int64Value());  // wraps like a negative integer
+  if (d >= kTwo64) return UINT64_MAX;
+  return static_cast<std::uint64_t>(d);
+}
+
+double Number::doubleValue() const {
+  switch (type_) {
+    case Type::Double: return u_.d;
+    case Type::Unsigned: return static_cast<double>(u_.u);
+    default: return static_cast<double>(u_.i);
+  }
+}
+
+int Number::compare(const Number& other) const {
+  const bool aSigned = type_ == Type::Boolean || type_ == Type::Signed;
+  const bool bSigned = other.type_ == Type::Boolean || other.type_ == Type::Signed;
+  if (aSigned && bSigned) return threeWay(u_.i, other.u_.i);
+  if (type_ == Type::Unsigned && other.type_ == Type::Unsigned) return threeWay(u_.u, other.u_.u);
+  if (aSigned && other.type_ == Type::Unsigned) return compareSignedUnsigned(u_.i, other.u_.u);
+  if (type_ == Type::Unsigned && bSigned) return negate(compareSignedUnsigned(other.u_.i, u_.u));
+  if (type_ == Type::Double && other.type_ == Type::Double) {
+    if (std::isnan(u_.d) || std::isnan(other.u_.d)) return 2;
+    return threeWay(u_.d, other.u_.d);
+  }
+  if (type_ == Type::Double) return negate(other.compare(*this));
+  // This number is an integer and the other a double.
+  return aSigned ? compareSignedDouble(u_.i, other.u_.d) : compareUnsignedDouble(u_.u, other.u_.d);
+}
+
+std::size_t Number::hash() const {
+  switch (type_) {
+    case Type::Boolean:
+    case Type::Signed: return mix(static_cast<std::uint64_t>(u_.i));
+    case Type::Unsigned: return mix(u_.u);
+    case Type::Double: {
+      const double d = u_.d;
+      // Integral doubles hash like the integer they equal.
+      if (d == std::trunc(d)) {
+        if (d >= -kTwo63 && d < kTwo63) return mix(static_cast<std::uint64_t>(static_cast<std::int64_t>(d)));
+        if (d >= 0 && d < kTwo64) return mix(static_cast<std::uint64_t>(d));
+      }
+      std::uint64_t bits;
+      static_assert(sizeof bits == sizeof d);
+      __builtin_memcpy(&bits, &d, sizeof bits);
+      return mix(bits ^ 0xd0b1e);
+    }
+  }
+  return 0;
+}
+
+std::string Number::description() const {
+  char buffer[40];
+  std::to_chars_result r{};
+  switch (type_) {
+    case Type::Boolean:
+    case Type::Signed: r = std::to_chars(buffer, buffer + sizeof buffer, u_.i); break;
+    case Type::Unsigned: r = std::to_chars(buffer, buffer + sizeof buffer, u_.u); break;
+    case Type::Double:
+      if (std::isnan(u_.d)) return "nan";
+      if (std::isinf(u_.d)) return u_.d > 0 ? "inf" : "-inf";
+      r = std::to_chars(buffer, buffer + sizeof buffer, u_.d);
+      break;
+  }
+  return std::string(buffer, r.ptr);
+}
+
+// --- String ---
+
+// A fast hash for the short texts that dominate JSON (keys, path steps):
+// eight bytes at a time, the tail read with overlapping fixed-size loads.
+std::size_t String::hashText(std::string_view text) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const std::size_t n = text.size();
+  auto load64 = [](const unsigned char* q) {
+    std::uint64_t v;
+    __builtin_memcpy(&v, q, 8);
+    return v;
+  };
+  auto load32 = [](const unsigned char* q) {
+    std::uint32_t v;
+    __builtin_memcpy(&v, q, 4);
+    return static_cast<std::uint64_t>(v);
+  };
+  constexpr std::uint64_t kMul = 0x9FB21C651E98DF25ULL;
+  std::uint64_t h = 0x9E3779B97F4A7C15ULL ^ (n * 0xff51afd7ed558ccdULL);
+  std::uint64_t a;
+  std::uint64_t b;
+  if (n <= 16) {
+    if (n >= 8) {
+      a = load64(p);
+      b = load64(p + n - 8);
+    } else if (n >= 4) {
+      a = load32(p);
+      b = load32(p + n - 4);
+    } else if (n > 0) {
+      a = (static_cast<std::uint64_t>(p[0]) << 16) | (static_cast<std::uint64_t>(p[n / 2]) << 8) | p[n - 1];
+      b = 0;
+    } else {
+      a = b = 0;
+    }
+  } else {
+    std::size_t i = 0;
+    for (; i + 16 < n; i += 16) {
+      h = ((h ^ load64(p + i)) * kMul) ^ load64(p + i + 8);
+      h = (h ^ (h >> 29)) * kMul;
+    }
+    a = load64(p + n - 16);
+    b = load64(p + n - 8);
+  }
+  h = (h ^ a) * kMul;
+  h = (h ^ (h >> 29) ^ b) * kMul;
+  return mix(h);
+}
+
+// --- Array ---
+
+void Array::add(Object value) {
+  BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
+  BRIVET_PRECONDITION(!value.isNil(), "nil inserted into an array");
+  elements_.push_back(std::move(value));
+}
+
+void Array::insert(Object value, std::size_t index) {
+  BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
+  BRIVET_PRECONDITION(!value.isNil(), "nil inserted into an array");
+  BRIVET_PRECONDITION(index <= elements_.size(), "array index out of range");
+  elements_.insert(elements_.begin() + static_cast<std::ptrdiff_t>(index), std::move(value));
+}
+
+void Array::replace(std::size_t index, Object value) {
+  BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
+  BRIVET_PRECONDITION(!value.isNil(), "nil inserted into an array");
+  BRIVET_PRECONDITION(index < elements_.size(), "array index out of range");
+  elements_[index] = std::move(value);
+}
+
+void Array::removeAt(std::size_t index) {
+  BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
+  BRIVET_PRECONDITION(index < elements_.size(), "array index out of range");
+  elements_.erase(elements_.begin() + static_cast<std::ptrdiff_t>(index));
+}
+
+void Array::removeAll() {
+  BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
+  elements_.clear();
+}
+
+// --- Dictionary ---
+
+Dictionary::Dictionary(std::vector<Entry> entries, bool isMutable)
+    : ObjectBase(ObjectKind::Dictionary), entries_(std::move(entries)), mutable_(isMutable) {
+  // Adopt the entry vector as it is; a key met again hands its value to the
+  // first occurrence and leaves a removed entry behind, compacted at the end.
+  const std::size_t n = entries_.size();
+  if (n > kLinearLimit) {
+    std::size_t capacity = 16;
+    while (capacity * 3 < n * 4) capacity *= 2;
+    index_.assign(capacity, kEmptySlot);
+  }
+  const std::size_t mask = index_.empty() ? 0 : index_.size() - 1;
+  for (std::size_t e = 0; e < n; ++e) {
+    const Object& key = entries_[e].first;
+    BRIVET_PRECONDITION(!key.isNil() && !entries_[e].second.isNil(), "nil key or value in a dictionary");
+    std::size_t earlier = SIZE_MAX;
+    if (index_.empty()) {
+      for (std::size_t i = 0; i < e && earlier == SIZE_MAX; ++i) {
+        if (!entries_[i].first.isNil() && entries_[i].first.isEqual(key)) earlier = i;
+      }
+      if (earlier == SIZE_MAX) ++live_;
+    } else {
+      std::size_t i = key.hash() & mask;
+      for (; index_[i] != kEmptySlot; i = (i + 1) & mask) {
+        if (entries_[index_[i] - 1].first.isEqual(key)) {
+          earlier = index_[i] - 1;
+          break;
+        }
+      }
+      if (earlier == SIZE_MAX) {
+        index_[i] = static_cast<std::uint32_t>(e + 1);
+        ++live_;
+      }
+    }
+    if (earlier != SIZE_MAX) {
+      entries_[earlier].second = std::move(entries_[e].second);
+      entries_[e] = Entry();
+      ++tombstones_;
+    }
+  }
+  if (tombstones_ > 0) compact();
+}
+
+Dictionary::Dictionary(std::vector<Entry> entries, bool isMutable, DistinctKeys)
+    : ObjectBase(ObjectKind::Dictionary), entries_(std::move(entries)), live_(entries_.size()), mutable_(isMutable) {
+  if (live_ > kLinearLimit) rebuildIndex(16);
+}
+
+Dictionary::Dictionary(const Dictionary& other, bool isMutable)
+    : ObjectBase(ObjectKind::Dictionary), mutable_(isMutable) {
+  if (other.tombstones_ == 0) {
+    entries_ = other.entries_;
+    index_ = other.index_;
+    live_ = other.live_;
+    return;
+  }
+  entries_.reserve(other.live_);
+  for (const auto& entry : other) entries_.push_back(entry);
+  live_ = entries_.size();
+  if (live_ > kLinearLimit) {
+    std::size_t capacity = 16;
+    while (capacity * 3 < live_ * 4) capacity *= 2;
+    rebuildIndex(capacity);
+  }
+}
+
+std::size_t Dictionary::find(const Object& key, std::size_t hash) const {
+  if (const String* s = key.asString()) return find(s->text(), hash);
+  if (index_.empty()) {
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+      if (!entries_[i].first.isNil() && entries_[i].first.isEqual(key)) return i;
+    }
+    return SIZE_MAX;
+  }
+  const std::size_t mask = index_.size() - 1;
+  for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+    const std::uint32_t slot = index_[i];
+    if (slot == kEmptySlot) return SIZE_MAX;
+    if (slot != kTombstone && entries_[slot - 1].first.isEqual(key)) return slot - 1;
+  }
+}
+
+std::size_t Dictionary::find(std::string_view key, std::size_t hash) const {
+  if (index_.empty()) {
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+      if (keyEqualsText(entries_[i].first, key)) return i;
+    }
+    return SIZE_MAX;
+  }
+  const std::size_t mask = index_.size() - 1;
+  for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+    const std::uint32_t slot = index_[i];
+    if (slot == kEmptySlot) return SIZE_MAX;
+    if (slot != kTombstone && keyEqualsText(entries_[slot - 1].first, key)) return slot - 1;
+  }
+}
+
+Object Dictionary::objectForKey(const Object& key) const {
+  if (key.isNil()) return Object();
+  const std::size_t i = find(key, index_.empty() ? 0 : key.hash());
+  return i == SIZE_MAX ? Object() : entries_[i].second;
+}
+
+Object Dictionary::objectForKey(std::string_view key) const {
+  const std::size_t i = find(key, index_.empty() ? 0 : String::hashText(key));
+  return i == SIZE_MAX ? Object() : entries_[i].second;
+}
+
+void Dictionary::indexInsert(std::size_t entry, std::size_t hash) {
+  if ((live_ + tombstones_) * 4 > index_.size() * 3) {
+    rebuildIndex(index_.size() * 2);
+    return;  // the rebuild indexed every live entry, this one included
+  }
+  const std::size_t mask = index_.size() - 1;
+  std::size_t i = hash & mask;
+  while (index_[i] != kEmptySlot && index_[i] != kTombstone) i = (i + 1) & mask;
+  index_[i] = static_cast<std::uint32_t>(entry + 1);
+}
+
+void Dictionary::rebuildIndex(std::size_t capacity) {
+  if (tombstones_ > 0) {
+    compact();
+    return;
+  }
+  while (capacity * 3 < live_ * 4) capacity *= 2;
+  index_.assign(capacity, kEmptySlot);
+  const std::size_t mask = capacity - 1;
+  for (std::size_t e = 0; e < entries_.size(); ++e) {
+    std::size_t i = entries_[e].first.hash() & mask;
+    while (index_[i] != kEmptySlot) i = (i + 1) & mask;
+    index_[i] = static_cast<std::uint32_t>(e + 1);
+  }
+}
+
+void Dictionary::compact() {
+  std::vector<Entry> kept;
+  kept.reserve(live_);
+  for (auto& entry : entries_) {
+    if (!entry.first.isNil()) kept.push_back(std::move(entry));
+  }
+  entries_ = std::move(kept);
+  tombstones_ = 0;
+  if (live_ > kLinearLimit) {
+    rebuildIndex(16);
+  } else {
+    index_.clear();
+  }
+}
+
+void Dictionary::setObject(Object value, Object key) {
+  BRIVET_PRECONDITION(mutable_, "mutation of an immutable dictionary");
+  BRIVET_PRECONDITION(!key.isNil(), "nil dictionary key");
+  if (value.isNil()) {
+    removeObject(key);
+    return;
+  }
+  const std::size_t h = key.hash();
+  const std::size_t found = find(key, h);
+  if (found != SIZE_MAX) {
+    entries_[found].second = std::move(value);
+    return;
+  }
+  entries_.emplace_back(std::move(key), std::move(value));
+  ++live_;
+  if (!index_.empty()) {
+    indexInsert(entries_.size() - 1, h);
+  } else if (live_ > kLinearLimit) {
+    rebuildIndex(16);
+  }
+}
+
+void Dictionary::removeObject(const Object& key) {
+  BRIVET_PRECONDITION(mutable_, "mutation of an immutable dictionary");
+  if (key.isNil()) return;
+  const std::size_t h = key.hash();
+  const std::size_t found = find(key, h);
+  if (found == SIZE_MAX) return;
+  if (!index_.empty()) {
+    const std::size_t mask = index_.size() - 1;
+    for (std::size_t i = h & mask;; i = (i + 1) & mask) {
+      if (index_[i] == found + 1) {
+        index_[i] = kTombstone;
+        break;
+      }
+    }
+  }
+  entries_[found] = Entry();
+  --live_;
+  ++tombstones_;
+  if (found + 1 == entries_.size() && index_.empty()) {
+    entries_.pop_back();  // cheap path for small dictionaries
+    --tombstones_;
+  } else if (tombstones_ > kLinearLimit && tombstones_ > live_) {
+    compact();
+  }
+}
+
+void Dictionary::removeAll() {
+  BRIVET_PRECONDITION(mutable_, "mutation of an immutable dictionary");
+  entries_.clear();
+  index_.clear();
+  live_ = 0;
+  tombstones_ = 0;
+}
+
+std::vector<Object> Dictionary::allKeys() const {
+  std::vector<Object> keys;
+  keys.reserve(live_);
+  for (const auto& entry : *this) keys.push_back(entry.first);
+  return keys;
+}
+
+// --- CustomObject ---
+
+std::string CustomObject::description() const {
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%p", static_cast<const void*>(this));
+  return "<" + std::string(className()) + ": " + buffer + ">";
+}
+
+std::size_t CustomObject::hash() const { return mix(reinterpret_cast<std::uintptr_t>(this)); }
+
+Object CustomObject::valueForKey(std::string_view key) const { return valueForUndefinedKey(key); }
+
+Object CustomObject::valueForKeyPath(std::string_view keyPath) const {
+  const std::size_t dot = keyPath.find('.');
+  if (dot == std::string_view::npos) return valueForKey(keyPath);
+  const Object first = valueForKey(keyPath.substr(0, dot));
+  return first.isNil() ? Object() : first.valueForKeyPath(keyPath.substr(dot + 1));
+}
+
+Object CustomObject::valueForUndefinedKey(std::string_view /*key*/) const { return Object(); }
+
+void CustomObject::setValueForKey(const Object& /*value*/, std::string_view /*key*/) {}
+
+void CustomObject::setValueForKeyPath(const Object& value, std::string_view keyPath) {
+  const std::size_t dot = keyPath.find('.');
+  if (dot == std::string_view::npos) {
+    setValueForKey(value, keyPath);
+    return;
+  }
+  valueForKey(keyPath.substr(0, dot)).setValueForKeyPath(value, keyPath.substr(dot + 1));
+}
+
+}  // namespace brivet

@@ -1,0 +1,128 @@
+// Signposts: intervals and events that mark what the library is doing.
+//
+// A `SignpostLog` is a log object: the library's subsystem, a category
+// ("Stream", "Cache", "DataSource") and whether it is enabled. Identifiers are
+// 64-bit; 0 means "no signpost" and is what every begin answers when the log is
+// disabled, and the all-ones value is never issued. Begins, ends and events go
+// to the installed `SignpostSink`: an application may install its own (to
+// forward to its platform's tracing), otherwise the built-in
+// `SignpostRecorder` keeps them in memory and writes them as a Chrome
+// trace-event JSON file that Perfetto and chrome://tracing open.
+//
+// The switch is the environment variable "SIGNPOSTS_FOR_BRIVET": present, with
+// any value (even empty), signposts are on; absent, every begin returns 0 after
+// one test. `BrivetSignpost` (the legacy model's class) reads the environment
+// on every call; the core model reads it once per process
+// (`signpostsEnabledForProcess`).
+//
+// Everything here may be called from any thread.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "brivet/platform/error.h"
+#include "brivet/platform/result.h"
+
+namespace brivet {
+
+inline constexpr std::string_view kSignpostEnvironmentVariable = "SIGNPOSTS_FOR_BRIVET";
+
+enum class SignpostPhase { Begin, End, Event };
+
+class SignpostSink {
+ public:
+  virtual ~SignpostSink() = default;
+  virtual void emit(SignpostPhase phase, std::string_view subsystem, std::string_view category,
+                    std::string_view name, std::uint64_t id, std::string_view message) = 0;
+};
+
+// The built-in sink: records signposts in memory.
+class SignpostRecorder final : public SignpostSink {
+ public:
+  struct Record {
+    SignpostPhase phase;
+    std::string category;
+    std::string name;
+    std::uint64_t id;
+    std::string message;
+    std::chrono::steady_clock::time_point time;
+    std::uint64_t thread;
+  };
+
+  static const std::shared_ptr<SignpostRecorder>& shared();
+
+  void emit(SignpostPhase phase, std::string_view subsystem, std::string_view category, std::string_view name,
+            std::uint64_t id, std::string_view message) override;
+  std::vector<Record> records() const;
+  void clear();
+  // {"traceEvents": [...], "displayTimeUnit": "ms"}: intervals as async
+  // begin/end pairs keyed by category and identifier, events as instants.
+  std::string chromeTraceJSON() const;
+  [[nodiscard]] Result<void> writeChromeTrace(const std::string& path) const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_ = makeState();
+  static std::shared_ptr<State> makeState();
+};
+
+// Installs the sink every log emits to; nullptr restores the built-in recorder.
+void setSignpostSink(std::shared_ptr<SignpostSink> sink);
+std::shared_ptr<SignpostSink> signpostSink();
+
+// Whether "SIGNPOSTS_FOR_BRIVET" is present now / was present at the first call.
+bool signpostsEnabledInEnvironment();
+bool signpostsEnabledForProcess();
+
+class SignpostLog {
+ public:
+  SignpostLog(std::string_view category, bool enabled) : category_(category), enabled_(enabled) {}
+
+  bool isEnabled() const { return enabled_; }
+  const std::string& category() const { return category_; }
+  // A fresh identifier (never 0 or all ones), or 0 when the log is disabled.
+  std::uint64_t generateID() const;
+  // Emit only when the log is enabled and `id` is neither 0 nor all ones.
+  void intervalBegin(std::uint64_t id, std::string_view name, std::string_view message) const;
+  void intervalEnd(std::uint64_t id, std::string_view name, std::string_view message) const;
+  void event(std::uint64_t id, std::string_view name, std::string_view message) const;
+
+ private:
+  std::string category_;
+  bool enabled_;
+};
+
+// The legacy model's signposts: three logs named after their category, with
+// the interval formats "method=%@, progressive=%d, refresh=%d, path=%@" /
+// "status=%@" (Stream), "method=%@, path=%@" / "miss=%d" (Cache) and
+// "method=%@, path=%@" / "status=%@" (DataSource). Statuses are "Complete" or
+// "Error"; the legacy model always reports progressive as 0.
+class BrivetSignpost {
+ public:
+  BrivetSignpost() = delete;
+
+  static constexpr std::string_view kStream = "Stream";
+  static constexpr std::string_view kCache = "Cache";
+  static constexpr std::string_view kDataSource = "DataSource";
+
+  static SignpostLog stream();
+  static SignpostLog cache();
+  static SignpostLog dataSource();
+  static bool isStreamEnabled();
+  static bool isCacheEnabled();
+  static bool isDataSourceEnabled();
+
+  static std::uint64_t beginStreamForMethod(std::string_view method, bool refresh, std::string_view path);
+  static void endStreamWithId(std::uint64_t id, bool success);
+  static std::uint64_t beginCacheForMethod(std::string_view method, std::string_view path);
+  static void endCacheWithId(std::uint64_t id, std::int64_t miss);
+  static std::uint64_t beginDataSourceForMethod(std::string_view method, std::string_view path);
+  static void endDataSourceWithId(std::uint64_t id, bool success);
+};
+
+}  // namespace brivet
