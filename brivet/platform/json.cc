@@ -1,6 +1,7 @@
 #include "brivet/platform/json.h"
 
 #include <algorithm>
+#include <span>
 #include <vector>
 
 #include "brivet/platform/format.h"
@@ -66,7 +67,7 @@ class StringTable {
  public:
   // Answers the shared string, and whether it is interned.
   std::pair<Object, bool> intern(const char* s, std::size_t length) {
-    if (length > kMaxLength) return {Object(std::string(s, length)), false};
+    if (length > kMaxLength) return {Object::string({s, length}), false};
     const std::string_view text(s, length);
     const std::size_t hash = String::hashText(text);
     if (slots_.empty()) slots_.resize(kInitialSlots);
@@ -76,13 +77,13 @@ class StringTable {
         Slot& slot = slots_[i];
         if (slot.string.isNil()) {
           if (used_ * 2 >= slots_.size()) break;  // grow, or stop adding when at the bound
-          slot = Slot{hash, Object(std::string(s, length))};
+          slot = Slot{hash, Object::string(text)};
           ++used_;
           return {slot.string, true};
         }
         if (slot.hash == hash && slot.string.stringValue() == text) return {slot.string, true};
       }
-      if (slots_.size() >= kMaxSlots) return {Object(std::string(s, length)), false};
+      if (slots_.size() >= kMaxSlots) return {Object::string(text), false};
       grow();
     }
   }
@@ -129,7 +130,7 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
   }
   bool Double(double d) { return push(Object::real(d)); }
   bool String(const char* s, rapidjson::SizeType length, bool) {
-    return push(length <= kShortValue ? strings_.intern(s, length).first : Object(std::string(s, length)));
+    return push(length <= kShortValue ? strings_.intern(s, length).first : Object::string({s, length}));
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
     auto [key, interned] = strings_.intern(s, length);
@@ -146,36 +147,29 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
   bool EndObject(rapidjson::SizeType memberCount) {
     --depth_;
     const std::size_t first = values_.size() - 2 * static_cast<std::size_t>(memberCount);
-    std::vector<Object::Entry> entries;
-    entries.reserve(memberCount);
-    for (std::size_t i = first; i < values_.size(); i += 2) {
-      entries.emplace_back(std::move(values_[i]), std::move(values_[i + 1]));
-    }
-    values_.resize(first);
+    const std::span<Object> members(values_.data() + first, 2 * static_cast<std::size_t>(memberCount));
     // When every key of this object is interned, identity decides duplicates.
-    const bool allShared = unsharedKeys_ == unsharedKeyMarks_.back();
+    bool distinct = unsharedKeys_ == unsharedKeyMarks_.back() && memberCount <= 16;
     unsharedKeyMarks_.pop_back();
-    if (allShared && memberCount <= 16) {
-      for (std::size_t i = 1; i < entries.size(); ++i) {
-        for (std::size_t j = 0; j < i; ++j) {
-          if (entries[i].first.isIdentical(entries[j].first)) {
-            return push(mutable_ ? Object::mutableDictionary(std::move(entries))
-                                 : Object::dictionary(std::move(entries)));
-          }
+    for (std::size_t i = 2; distinct && i < members.size(); i += 2) {
+      for (std::size_t j = 0; j < i; j += 2) {
+        if (members[i].isIdentical(members[j])) {
+          distinct = false;
+          break;
         }
       }
-      return push(Object::dictionaryWithDistinctKeys(std::move(entries), mutable_));
     }
-    return push(mutable_ ? Object::mutableDictionary(std::move(entries)) : Object::dictionary(std::move(entries)));
+    Object dictionary = internal::makeDictionary(members, mutable_, distinct);
+    values_.resize(first);
+    return push(std::move(dictionary));
   }
 
   bool EndArray(rapidjson::SizeType elementCount) {
     --depth_;
     const std::size_t first = values_.size() - elementCount;
-    std::vector<Object> elements(std::make_move_iterator(values_.begin() + static_cast<std::ptrdiff_t>(first)),
-                                 std::make_move_iterator(values_.end()));
+    Object array = internal::makeArray(std::span<Object>(values_.data() + first, elementCount), mutable_);
     values_.resize(first);
-    return push(mutable_ ? Object::mutableArray(std::move(elements)) : Object::array(std::move(elements)));
+    return push(std::move(array));
   }
 
   bool tooDeep() const { return tooDeep_; }
@@ -304,11 +298,13 @@ bool writeValue(Writer& w, const Object& o, bool sortKeys) {
 namespace {
 
 // Parses in place on a private, NUL-terminated copy: strings are decoded into
-// the buffer and copied out once.
+// the buffer and copied out once. The reader's vector scans load whole aligned
+// 16-byte blocks, so the buffer carries padding past the text for them.
 template <unsigned kFlags>
 Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options) {
+  constexpr std::size_t kScanPadding = 32;
   std::string buffer;
-  buffer.reserve(text.size() + 1);
+  buffer.reserve(text.size() + kScanPadding);
   buffer.assign(text.data(), text.size());
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;

@@ -175,11 +175,82 @@ bool keyEqualsText(const Object& key, std::string_view text) {
 
 }  // namespace
 
+namespace internal {
+
+namespace {
+thread_local void* tTrailingStorage = nullptr;
+
+// Allocates the shared-pointer control block (with the object in it) and
+// `extra` bytes after it in one block, and leaves the address of those bytes
+// for the object's constructor.
+template <class T>
+struct TrailingAllocator {
+  using value_type = T;
+  std::size_t extra;
+  explicit TrailingAllocator(std::size_t bytes) : extra(bytes) {}
+  template <class U>
+  TrailingAllocator(const TrailingAllocator<U>& other) : extra(other.extra) {}  // NOLINT
+  T* allocate(std::size_t n) {
+    const std::size_t head = (n * sizeof(T) + 15) & ~std::size_t{15};
+    char* block = static_cast<char*>(::operator new(head + extra));
+    tTrailingStorage = extra > 0 ? block + head : nullptr;
+    return reinterpret_cast<T*>(block);
+  }
+  void deallocate(T* p, std::size_t) noexcept { ::operator delete(static_cast<void*>(p)); }
+  template <class U>
+  bool operator==(const TrailingAllocator<U>& other) const {
+    return extra == other.extra;
+  }
+};
+
+template <class T, class... Args>
+std::shared_ptr<T> makeWithTrailing(std::size_t extraBytes, Args&&... args) {
+  return std::allocate_shared<T>(TrailingAllocator<T>(extraBytes), std::forward<Args>(args)...);
+}
+}  // namespace
+
+void* takeTrailingStorage() { return std::exchange(tTrailingStorage, nullptr); }
+
+Object makeArray(std::span<Object> elements, bool isMutable) {
+  auto array = makeWithTrailing<Array>(elements.size() * sizeof(Object), TrailingTag{}, elements.size(), isMutable);
+  for (Object& e : elements) {
+    BRIVET_PRECONDITION(!e.isNil(), "nil element in an array");
+    array->elements_.emplace_back(std::move(e));
+  }
+  return Object::fromImpl(std::move(array));
+}
+
+Object makeDictionary(std::span<Object> keysAndValues, bool isMutable, bool distinctKeys) {
+  const std::size_t n = keysAndValues.size() / 2;
+  auto dictionary = makeWithTrailing<Dictionary>(n * sizeof(Dictionary::Entry), TrailingTag{}, n, isMutable);
+  for (std::size_t i = 0; i < n; ++i) {
+    dictionary->entries_.emplace_back(std::move(keysAndValues[2 * i]), std::move(keysAndValues[2 * i + 1]));
+  }
+  dictionary->adopt(distinctKeys);
+  return Object::fromImpl(std::move(dictionary));
+}
+
+Object makeDictionaryFrom(std::vector<Dictionary::Entry>& entries, bool isMutable, bool distinctKeys) {
+  std::vector<Object> flat;
+  flat.reserve(entries.size() * 2);
+  for (auto& [k, v] : entries) {
+    flat.push_back(std::move(k));
+    flat.push_back(std::move(v));
+  }
+  return makeDictionary(flat, isMutable, distinctKeys);
+}
+
+}  // namespace internal
+
 // --- Object construction ---
 
-Object::Object(const char* text) : Object(std::string(text)) {}
-Object::Object(std::string_view text) : Object(std::string(text)) {}
-Object::Object(std::string text) : impl_(std::make_shared<String>(std::move(text))) {}
+Object::Object(const char* text) : Object(string(std::string_view(text))) {}
+Object::Object(std::string_view text) : Object(string(text)) {}
+Object::Object(std::string text) : Object(string(text)) {}
+
+Object Object::string(std::string_view text) {
+  return fromImpl(internal::makeWithTrailing<String>(text.size(), internal::TrailingTag{}, text));
+}
 Object::Object(std::shared_ptr<CustomObject> custom) : impl_(std::move(custom)) {}
 
 Object Object::null() { return fromImpl(nullSingleton()); }
@@ -200,27 +271,21 @@ Object Object::integer(std::int64_t value) {
 }
 Object Object::unsignedInteger(std::uint64_t value) { return fromImpl(std::make_shared<Number>(value)); }
 Object Object::real(double value) { return fromImpl(std::make_shared<Number>(value)); }
-Object Object::array(std::vector<Object> elements) {
-  return fromImpl(std::make_shared<Array>(std::move(elements), false));
-}
+Object Object::array(std::vector<Object> elements) { return internal::makeArray(elements, false); }
 Object Object::array(std::initializer_list<Object> elements) { return array(std::vector<Object>(elements)); }
-Object Object::mutableArray(std::vector<Object> elements) {
-  return fromImpl(std::make_shared<Array>(std::move(elements), true));
-}
-Object Object::dictionary(std::vector<Entry> entries) {
-  return fromImpl(std::make_shared<Dictionary>(std::move(entries), false));
-}
+Object Object::mutableArray(std::vector<Object> elements) { return internal::makeArray(elements, true); }
+Object Object::dictionary(std::vector<Entry> entries) { return internal::makeDictionaryFrom(entries, false, false); }
 Object Object::dictionary(std::initializer_list<Entry> entries) {
   return dictionary(std::vector<Entry>(entries));
 }
 Object Object::mutableDictionary(std::vector<Entry> entries) {
-  return fromImpl(std::make_shared<Dictionary>(std::move(entries), true));
+  return internal::makeDictionaryFrom(entries, true, false);
 }
 Object Object::mutableDictionary(std::initializer_list<Entry> entries) {
   return mutableDictionary(std::vector<Entry>(entries));
 }
 Object Object::dictionaryWithDistinctKeys(std::vector<Entry> entries, bool isMutable) {
-  return fromImpl(std::make_shared<Dictionary>(std::move(entries), isMutable, Dictionary::DistinctKeys{}));
+  return internal::makeDictionaryFrom(entries, isMutable, true);
 }
 Object Object::date(Date value) { return fromImpl(std::make_shared<DateObject>(value)); }
 Object Object::data(std::vector<std::uint8_t> bytes) { return fromImpl(std::make_shared<Data>(std::move(bytes))); }
@@ -319,19 +384,31 @@ std::string Object::description() const {
 
 // --- Copies ---
 
+namespace {
+Object copyArray(const Array& a, bool isMutable) {
+  std::vector<Object> elements(a.begin(), a.end());
+  return internal::makeArray(elements, isMutable);
+}
+Object copyDictionary(const Dictionary& d, bool isMutable) {
+  std::vector<Object> flat;
+  flat.reserve(d.size() * 2);
+  for (const auto& [k, v] : d) {
+    flat.push_back(k);
+    flat.push_back(v);
+  }
+  return internal::makeDictionary(flat, isMutable, true);
+}
+}  // namespace
+
 Object Object::copy() const {
-  if (const Array* a = asArray()) {
-    return a->isMutable() ? array(std::vector<Object>(a->begin(), a->end())) : *this;
-  }
-  if (const Dictionary* d = asDictionary()) {
-    return d->isMutable() ? fromImpl(std::make_shared<Dictionary>(*d, false)) : *this;
-  }
+  if (const Array* a = asArray()) return a->isMutable() ? copyArray(*a, false) : *this;
+  if (const Dictionary* d = asDictionary()) return d->isMutable() ? copyDictionary(*d, false) : *this;
   return *this;
 }
 
 Object Object::mutableCopy() const {
-  if (const Array* a = asArray()) return mutableArray(std::vector<Object>(a->begin(), a->end()));
-  if (const Dictionary* d = asDictionary()) return fromImpl(std::make_shared<Dictionary>(*d, true));
+  if (const Array* a = asArray()) return copyArray(*a, true);
+  if (const Dictionary* d = asDictionary()) return copyDictionary(*d, true);
   return Object();
 }
 
@@ -466,6 +543,18 @@ std::string Number::description() const {
 
 // --- String ---
 
+String::String(internal::TrailingTag, std::string_view text) : ObjectBase(ObjectKind::String), size_(text.size()) {
+  char* storage = static_cast<char*>(internal::takeTrailingStorage());
+  heap_ = storage == nullptr && !text.empty();
+  if (heap_) storage = static_cast<char*>(::operator new(text.size()));
+  if (!text.empty()) __builtin_memcpy(storage, text.data(), text.size());
+  data_ = storage != nullptr ? storage : "";
+}
+
+String::~String() {
+  if (heap_) ::operator delete(const_cast<char*>(data_));
+}
+
 // A fast hash for the short texts that dominate JSON (keys, path steps):
 // eight bytes at a time, the tail read with overlapping fixed-size loads.
 std::size_t String::hashText(std::string_view text) {
@@ -514,17 +603,22 @@ std::size_t String::hashText(std::string_view text) {
 
 // --- Array ---
 
+Array::Array(internal::TrailingTag, std::size_t capacity, bool isMutable)
+    : ObjectBase(ObjectKind::Array),
+      elements_(static_cast<Object*>(internal::takeTrailingStorage()), capacity),
+      mutable_(isMutable) {}
+
 void Array::add(Object value) {
   BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
   BRIVET_PRECONDITION(!value.isNil(), "nil inserted into an array");
-  elements_.push_back(std::move(value));
+  elements_.emplace_back(std::move(value));
 }
 
 void Array::insert(Object value, std::size_t index) {
   BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
   BRIVET_PRECONDITION(!value.isNil(), "nil inserted into an array");
   BRIVET_PRECONDITION(index <= elements_.size(), "array index out of range");
-  elements_.insert(elements_.begin() + static_cast<std::ptrdiff_t>(index), std::move(value));
+  elements_.insert(index, std::move(value));
 }
 
 void Array::replace(std::size_t index, Object value) {
@@ -537,7 +631,7 @@ void Array::replace(std::size_t index, Object value) {
 void Array::removeAt(std::size_t index) {
   BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
   BRIVET_PRECONDITION(index < elements_.size(), "array index out of range");
-  elements_.erase(elements_.begin() + static_cast<std::ptrdiff_t>(index));
+  elements_.erase(index);
 }
 
 void Array::removeAll() {
@@ -547,11 +641,20 @@ void Array::removeAll() {
 
 // --- Dictionary ---
 
-Dictionary::Dictionary(std::vector<Entry> entries, bool isMutable)
-    : ObjectBase(ObjectKind::Dictionary), entries_(std::move(entries)), mutable_(isMutable) {
-  // Adopt the entry vector as it is; a key met again hands its value to the
-  // first occurrence and leaves a removed entry behind, compacted at the end.
+Dictionary::Dictionary(internal::TrailingTag, std::size_t capacity, bool isMutable)
+    : ObjectBase(ObjectKind::Dictionary),
+      entries_(static_cast<Entry*>(internal::takeTrailingStorage()), capacity),
+      mutable_(isMutable) {}
+
+void Dictionary::adopt(bool distinctKeys) {
   const std::size_t n = entries_.size();
+  if (distinctKeys) {
+    live_ = static_cast<std::uint32_t>(n);
+    if (n > kLinearLimit) rebuildIndex(16);
+    return;
+  }
+  // A key met again hands its value to the first occurrence and leaves a
+  // removed entry behind, compacted at the end.
   if (n > kLinearLimit) {
     std::size_t capacity = 16;
     while (capacity * 3 < n * 4) capacity *= 2;
@@ -587,29 +690,6 @@ Dictionary::Dictionary(std::vector<Entry> entries, bool isMutable)
     }
   }
   if (tombstones_ > 0) compact();
-}
-
-Dictionary::Dictionary(std::vector<Entry> entries, bool isMutable, DistinctKeys)
-    : ObjectBase(ObjectKind::Dictionary), entries_(std::move(entries)), live_(entries_.size()), mutable_(isMutable) {
-  if (live_ > kLinearLimit) rebuildIndex(16);
-}
-
-Dictionary::Dictionary(const Dictionary& other, bool isMutable)
-    : ObjectBase(ObjectKind::Dictionary), mutable_(isMutable) {
-  if (other.tombstones_ == 0) {
-    entries_ = other.entries_;
-    index_ = other.index_;
-    live_ = other.live_;
-    return;
-  }
-  entries_.reserve(other.live_);
-  for (const auto& entry : other) entries_.push_back(entry);
-  live_ = entries_.size();
-  if (live_ > kLinearLimit) {
-    std::size_t capacity = 16;
-    while (capacity * 3 < live_ * 4) capacity *= 2;
-    rebuildIndex(capacity);
-  }
 }
 
 std::size_t Dictionary::find(const Object& key, std::size_t hash) const {
@@ -681,12 +761,13 @@ void Dictionary::rebuildIndex(std::size_t capacity) {
 }
 
 void Dictionary::compact() {
-  std::vector<Entry> kept;
-  kept.reserve(live_);
-  for (auto& entry : entries_) {
-    if (!entry.first.isNil()) kept.push_back(std::move(entry));
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
+    if (entries_[i].first.isNil()) continue;
+    if (kept != i) entries_[kept] = std::move(entries_[i]);
+    ++kept;
   }
-  entries_ = std::move(kept);
+  while (entries_.size() > kept) entries_.pop_back();
   tombstones_ = 0;
   if (live_ > kLinearLimit) {
     rebuildIndex(16);

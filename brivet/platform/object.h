@@ -126,6 +126,8 @@ class Object {
   // parser that checked): skips the duplicate check. Precondition: no two keys
   // are equal.
   static Object dictionaryWithDistinctKeys(std::vector<Entry> entries, bool isMutable);
+  // Builds a string, array or dictionary with its contents in one allocation.
+  static Object string(std::string_view text);
   static Object date(Date value);
   static Object data(std::vector<std::uint8_t> bytes);
 
@@ -249,28 +251,111 @@ class Number final : public internal::ObjectBase {
   } u_{};
 };
 
+namespace internal {
+
+// Strings, arrays and dictionaries keep their contents in the same allocation
+// as the object (one allocation per node instead of two). The allocator that
+// creates such an object hands the address of the extra bytes to its
+// constructor through this slot; a constructor that finds it empty (an object
+// made some other way) keeps its contents on the heap instead.
+void* takeTrailingStorage();
+struct TrailingTag {};
+
+// A run of T that starts in trailing storage and moves to the heap only when
+// it must grow beyond it.
+template <class T>
+class TrailingVector {
+ public:
+  TrailingVector(T* storage, std::size_t capacity)
+      : data_(storage), capacity_(storage != nullptr ? static_cast<std::uint32_t>(capacity) : 0) {}
+  TrailingVector(const TrailingVector&) = delete;
+  TrailingVector& operator=(const TrailingVector&) = delete;
+  ~TrailingVector() {
+    clear();
+    if (heap_) ::operator delete(data_);
+  }
+
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  T* data() { return data_; }
+  const T* data() const { return data_; }
+  T& operator[](std::size_t i) { return data_[i]; }
+  const T& operator[](std::size_t i) const { return data_[i]; }
+  const T* begin() const { return data_; }
+  const T* end() const { return data_ + size_; }
+  T& back() { return data_[size_ - 1]; }
+
+  template <class... Args>
+  void emplace_back(Args&&... args) {
+    if (size_ == capacity_) grow();
+    new (data_ + size_) T(std::forward<Args>(args)...);
+    ++size_;
+  }
+  void insert(std::size_t index, T value) {
+    emplace_back(std::move(value));
+    for (std::size_t i = size_ - 1; i > index; --i) std::swap(data_[i], data_[i - 1]);
+  }
+  void erase(std::size_t index) {
+    for (std::size_t i = index; i + 1 < size_; ++i) data_[i] = std::move(data_[i + 1]);
+    pop_back();
+  }
+  void pop_back() { data_[--size_].~T(); }
+  void clear() {
+    while (size_ > 0) pop_back();
+  }
+
+ private:
+  void grow() {
+    const std::size_t capacity = capacity_ < 4 ? 4 : static_cast<std::size_t>(capacity_) * 2;
+    T* moved = static_cast<T*>(::operator new(capacity * sizeof(T)));
+    for (std::uint32_t i = 0; i < size_; ++i) {
+      new (moved + i) T(std::move(data_[i]));
+      data_[i].~T();
+    }
+    if (heap_) ::operator delete(data_);
+    data_ = moved;
+    capacity_ = static_cast<std::uint32_t>(capacity);
+    heap_ = true;
+  }
+
+  T* data_;
+  std::uint32_t size_ = 0;
+  std::uint32_t capacity_;
+  bool heap_ = false;
+};
+
+// Builders that own their members already (the JSON reader) hand them over
+// without an intermediate vector: the objects are moved out of the span.
+// `keysAndValues` alternates keys and values.
+Object makeArray(std::span<Object> elements, bool isMutable);
+Object makeDictionary(std::span<Object> keysAndValues, bool isMutable, bool distinctKeys);
+
+}  // namespace internal
+
 class String final : public internal::ObjectBase {
  public:
-  explicit String(std::string text) : ObjectBase(ObjectKind::String), text_(std::move(text)) {}
-  std::string_view text() const { return text_; }
+  String(internal::TrailingTag, std::string_view text);
+  ~String();
+  std::string_view text() const { return {data_, size_}; }
   static std::size_t hashText(std::string_view text);
 
  private:
-  std::string text_;
+  const char* data_;
+  std::size_t size_;
+  bool heap_;
 };
 
 class Array final : public internal::ObjectBase {
  public:
-  Array(std::vector<Object> elements, bool isMutable)
-      : ObjectBase(ObjectKind::Array), elements_(std::move(elements)), mutable_(isMutable) {}
+  Array(internal::TrailingTag, std::size_t capacity, bool isMutable);
   bool isMutable() const { return mutable_; }
   std::size_t size() const { return elements_.size(); }
   bool empty() const { return elements_.empty(); }
   const Object& operator[](std::size_t i) const { return elements_[i]; }
   Object at(std::size_t i) const { return i < elements_.size() ? elements_[i] : Object(); }
-  std::span<const Object> elements() const { return elements_; }
-  auto begin() const { return elements_.begin(); }
-  auto end() const { return elements_.end(); }
+  std::span<const Object> elements() const { return {elements_.data(), elements_.size()}; }
+  const Object* begin() const { return elements_.begin(); }
+  const Object* end() const { return elements_.end(); }
 
   // Mutation: precondition that the array is mutable and the value is not nil.
   void add(Object value);
@@ -280,18 +365,18 @@ class Array final : public internal::ObjectBase {
   void removeAll();
 
  private:
-  std::vector<Object> elements_;
+  friend Object internal::makeArray(std::span<Object>, bool);
+  friend class Object;
+  internal::TrailingVector<Object> elements_;
   const bool mutable_;
 };
 
 // Insertion-ordered hash map. Small dictionaries are scanned linearly; larger
-// ones keep an open-addressing index over the entry vector.
+// ones keep an open-addressing index over the entries.
 class Dictionary final : public internal::ObjectBase {
  public:
   using Entry = std::pair<Object, Object>;
-  Dictionary(std::vector<Entry> entries, bool isMutable);
-  struct DistinctKeys {};
-  Dictionary(std::vector<Entry> entries, bool isMutable, DistinctKeys);
+  Dictionary(internal::TrailingTag, std::size_t capacity, bool isMutable);
   bool isMutable() const { return mutable_; }
   std::size_t size() const { return live_; }
   bool empty() const { return live_ == 0; }
@@ -347,25 +432,26 @@ class Dictionary final : public internal::ObjectBase {
     const Entry* p_ = nullptr;
     const Entry* end_ = nullptr;
   };
-  const_iterator begin() const { return {entries_.data(), entries_.data() + entries_.size()}; }
-  const_iterator end() const { return {entries_.data() + entries_.size(), entries_.data() + entries_.size()}; }
+  const_iterator begin() const { return {entries_.begin(), entries_.end()}; }
+  const_iterator end() const { return {entries_.end(), entries_.end()}; }
   std::vector<Object> allKeys() const;
-
-  // A copy of `other` with the given mutability (removed entries dropped).
-  Dictionary(const Dictionary& other, bool isMutable);
 
  private:
   friend class Object;
+  friend Object internal::makeDictionary(std::span<Object>, bool, bool);
+  // Adds the entries moved in so far as live, checking for repeated keys
+  // unless they are known to be distinct.
+  void adopt(bool distinctKeys);
   std::size_t find(const Object& key, std::size_t hash) const;
   std::size_t find(std::string_view key, std::size_t hash) const;
   void rebuildIndex(std::size_t capacity);
   void indexInsert(std::size_t entry, std::size_t hash);
   void compact();
 
-  std::vector<Entry> entries_;        // removed entries have a nil key
-  std::vector<std::uint32_t> index_;  // 0 empty, kTombstone removed, else entry + 1
-  std::size_t live_ = 0;
-  std::size_t tombstones_ = 0;  // removed entries still in entries_
+  internal::TrailingVector<Entry> entries_;  // removed entries have a nil key
+  std::vector<std::uint32_t> index_;         // 0 empty, kTombstone removed, else entry + 1
+  std::uint32_t live_ = 0;
+  std::uint32_t tombstones_ = 0;  // removed entries still in entries_
   const bool mutable_;
 };
 
