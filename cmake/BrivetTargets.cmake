@@ -69,13 +69,21 @@ function(brivet_add_test name)
   target_link_libraries(brivet_${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main Threads::Threads)
   brivet_apply_warnings(brivet_${name})
   brivet_apply_sanitizers(brivet_${name})
+  gtest_discover_tests(brivet_${name} DISCOVERY_MODE PRE_TEST TEST_LIST brivet_${name}_TESTS)
+  # gtest_discover_tests flattens list-valued PROPERTIES (every label after the first, every sanitizer option
+  # after the first would be lost), so the properties are set on the discovered tests by a script of our own,
+  # which CTest runs after the discovery script.
   set(environment "")
   if(BRIVET_SANITIZE)
-    set(environment ENVIRONMENT "${BRIVET_SANITIZER_ENVIRONMENT}")
+    set(environment "${BRIVET_SANITIZER_ENVIRONMENT}")
   endif()
-  gtest_discover_tests(brivet_${name}
-    DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "${name};${ARG_LABELS}" TIMEOUT 300 ${environment})
+  set(properties_script "${CMAKE_CURRENT_BINARY_DIR}/brivet_${name}_properties.cmake")
+  file(WRITE "${properties_script}"
+       "foreach(test IN LISTS brivet_${name}_TESTS)\n"
+       "  set_tests_properties(\"\${test}\" PROPERTIES LABELS [==[${name};${ARG_LABELS}]==] TIMEOUT 300\n"
+       "                       ENVIRONMENT [==[${environment}]==])\n"
+       "endforeach()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${properties_script}")
 endfunction()
 
 function(brivet_add_benchmark)
