@@ -1,0 +1,88 @@
+// HTTPTransport: HTTP requests over libcurl, off the caller's thread.
+//
+// One transport owns one libcurl multi handle driven by its own thread, so
+// connections to the same host are kept open and reused across requests.
+// `send` returns at once; the completion runs later on the transport's thread
+// (keep it short: hand the result to a queue) with either the response - any
+// status code, the caller decides what a failure is - or the reason there is
+// none: the connection failed, the request timed out, it was cancelled, the
+// response grew past the size limit, or another transfer error.
+//
+// `cancel()` on the returned handle aborts the transfer; its completion then
+// runs once with `Cancelled` (unless it had already run). Destroying the
+// transport cancels every request still in flight. All members are safe to
+// call from any thread, including from inside a completion.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "brivet/platform/result.h"
+
+namespace brivet {
+
+struct HTTPRequest {
+  enum class Method { GET, POST };
+  Method method = Method::GET;
+  std::string url;          // the full URL, query string included
+  std::string body;         // POST only
+  std::string contentType;  // POST only, e.g. "application/x-www-form-urlencoded"
+  // Zero means the transport's default.
+  std::chrono::milliseconds timeout{0};
+};
+
+struct HTTPResponse {
+  long statusCode = 0;
+  std::string body;
+  std::string contentType;  // as the server sent it, possibly empty
+};
+
+struct HTTPTransportError {
+  enum class Kind { ConnectionFailed, TimedOut, Cancelled, TooLarge, Other };
+  Kind kind = Kind::Other;
+  std::string message;
+};
+
+class HTTPRequestHandle {
+ public:
+  virtual ~HTTPRequestHandle() = default;
+  virtual void cancel() = 0;
+};
+
+class HTTPTransport {
+ public:
+  struct Options {
+    std::chrono::milliseconds connectTimeout{5000};
+    std::chrono::milliseconds requestTimeout{30000};
+    std::size_t maxResponseBytes = 256u << 20;
+    long maxConnectionsPerHost = 6;
+  };
+  using Completion = std::function<void(Result<HTTPResponse, HTTPTransportError>)>;
+
+  static std::shared_ptr<HTTPTransport> create(Options options);
+  static std::shared_ptr<HTTPTransport> create() { return create(Options{}); }
+  ~HTTPTransport();
+  HTTPTransport(const HTTPTransport&) = delete;
+  HTTPTransport& operator=(const HTTPTransport&) = delete;
+
+  std::shared_ptr<HTTPRequestHandle> send(HTTPRequest request, Completion completion);
+
+  // Percent-encoding of one query or form component (RFC 3986 unreserved
+  // characters kept), and "k=v&k2=v2" of encoded pairs.
+  static std::string percentEncode(std::string_view text);
+  static std::string formEncode(const std::vector<std::pair<std::string, std::string>>& fields);
+
+  struct Loop;  // the libcurl loop, shared with its thread
+
+ private:
+  explicit HTTPTransport(std::shared_ptr<Loop> loop) : loop_(std::move(loop)) {}
+  std::shared_ptr<Loop> loop_;
+};
+
+}  // namespace brivet

@@ -1,0 +1,163 @@
+#include "brivet/adapters/http_transport.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <atomic>
+#include <optional>
+#include <thread>
+
+#include "brivet/platform/dispatch_queue.h"
+
+namespace brivet {
+namespace {
+
+using namespace std::chrono_literals;
+using Outcome = Result<HTTPResponse, HTTPTransportError>;
+
+// A loopback server on a free port, run on its own thread.
+class LoopbackServer {
+ public:
+  LoopbackServer() {
+    server_.Get("/json", [](const httplib::Request& request, httplib::Response& response) {
+      response.set_content("{\"q\":\"" + request.get_param_value("q") + "\"}", "application/json");
+    });
+    server_.Post("/form", [](const httplib::Request& request, httplib::Response& response) {
+      response.set_content(request.get_param_value("a") + "|" + request.get_param_value("b"), "text/plain");
+    });
+    server_.Get("/fail", [](const httplib::Request&, httplib::Response& response) {
+      response.status = 500;
+      response.set_content("{\"message\":\"boom\"}", "application/json");
+    });
+    server_.Get("/slow", [this](const httplib::Request&, httplib::Response& response) {
+      for (int i = 0; i < 300 && !stopping_; ++i) std::this_thread::sleep_for(10ms);
+      response.set_content("late", "text/plain");
+    });
+    server_.Get("/big", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content(std::string(1 << 20, 'x'), "text/plain");
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // bind_to_any_port already listens: early connections wait in the backlog.
+  }
+  ~LoopbackServer() {
+    stopping_ = true;
+    server_.stop();
+    thread_.join();
+  }
+  std::string url(std::string_view path) const { return "http://127.0.0.1:" + std::to_string(port_) + std::string(path); }
+
+ private:
+  httplib::Server server_;
+  std::atomic<bool> stopping_{false};
+  int port_ = 0;
+  std::thread thread_;
+};
+
+class HTTPTransportTest : public ::testing::Test {
+ protected:
+  // Sends and waits (through the main queue) for the completion.
+  Outcome roundTrip(HTTPRequest request, const std::shared_ptr<HTTPTransport>& transport) {
+    std::optional<Outcome> outcome;
+    transport->send(std::move(request), [&](Outcome result) {
+      DispatchQueue::main()->async([&, result = std::move(result)] { outcome.emplace(result); });
+    });
+    EXPECT_TRUE(DispatchQueue::main()->runUntil([&] { return outcome.has_value(); }, 20s));
+    return outcome.value_or(Outcome(Failure{HTTPTransportError{}}));
+  }
+
+  LoopbackServer server_;
+  std::shared_ptr<HTTPTransport> transport_ = HTTPTransport::create();
+};
+
+TEST_F(HTTPTransportTest, GetAndPostCarryParametersAndStatus) {
+  HTTPRequest get;
+  get.url = server_.url("/json?q=" + HTTPTransport::percentEncode("[\"a b\",{\"from\":0}]"));
+  const Outcome got = roundTrip(get, transport_);
+  ASSERT_TRUE(got.ok()) << got.error().message;
+  EXPECT_EQ(got->statusCode, 200);
+  EXPECT_EQ(got->body, R"({"q":"["a b",{"from":0}]"})");
+  EXPECT_EQ(got->contentType, "application/json");
+
+  HTTPRequest post;
+  post.method = HTTPRequest::Method::POST;
+  post.url = server_.url("/form");
+  post.body = HTTPTransport::formEncode({{"a", "x&y=z"}, {"b", "é"}});
+  const Outcome posted = roundTrip(post, transport_);
+  ASSERT_TRUE(posted.ok());
+  EXPECT_EQ(posted->body, "x&y=z|é");
+
+  HTTPRequest failing;
+  failing.url = server_.url("/fail");
+  const Outcome failed = roundTrip(failing, transport_);
+  ASSERT_TRUE(failed.ok());  // a status is a response; the caller decides it is a failure
+  EXPECT_EQ(failed->statusCode, 500);
+  EXPECT_EQ(failed->body, R"({"message":"boom"})");
+}
+
+TEST_F(HTTPTransportTest, TransportFailuresSayWhatWentWrong) {
+  HTTPRequest refused;
+  refused.url = "http://127.0.0.1:1/nothing";
+  const Outcome noServer = roundTrip(refused, transport_);
+  ASSERT_FALSE(noServer.ok());
+  EXPECT_EQ(noServer.error().kind, HTTPTransportError::Kind::ConnectionFailed);
+
+  HTTPRequest slow;
+  slow.url = server_.url("/slow");
+  slow.timeout = 100ms;
+  const Outcome late = roundTrip(slow, transport_);
+  ASSERT_FALSE(late.ok());
+  EXPECT_EQ(late.error().kind, HTTPTransportError::Kind::TimedOut);
+
+  HTTPTransport::Options small;
+  small.maxResponseBytes = 1000;
+  HTTPRequest big;
+  big.url = server_.url("/big");
+  const Outcome tooBig = roundTrip(big, HTTPTransport::create(small));
+  ASSERT_FALSE(tooBig.ok());
+  EXPECT_EQ(tooBig.error().kind, HTTPTransportError::Kind::TooLarge);
+}
+
+TEST_F(HTTPTransportTest, CancelAbortsTheTransferAndCompletesOnce) {
+  HTTPRequest slow;
+  slow.url = server_.url("/slow");
+  std::atomic<int> completions{0};
+  std::atomic<bool> cancelled{false};
+  const auto started = std::chrono::steady_clock::now();
+  auto handle = transport_->send(slow, [&](Outcome result) {
+    completions.fetch_add(1);
+    cancelled = !result.ok() && result.error().kind == HTTPTransportError::Kind::Cancelled;
+  });
+  std::this_thread::sleep_for(50ms);  // let the transfer start
+  handle->cancel();
+  handle->cancel();
+  ASSERT_TRUE(DispatchQueue::main()->runUntil([&] { return completions.load() > 0; }, 5s));
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);  // did not wait for the server's 3 s
+  EXPECT_TRUE(cancelled);
+  DispatchQueue::main()->runUntil([] { return false; }, 50ms);
+  EXPECT_EQ(completions.load(), 1);
+}
+
+TEST_F(HTTPTransportTest, DestroyingTheTransportCancelsWhatIsInFlight) {
+  std::atomic<int> cancelled{0};
+  {
+    auto transport = HTTPTransport::create();
+    HTTPRequest slow;
+    slow.url = server_.url("/slow");
+    for (int i = 0; i < 3; ++i) {
+      transport->send(slow, [&](Outcome result) {
+        if (!result.ok() && result.error().kind == HTTPTransportError::Kind::Cancelled) cancelled.fetch_add(1);
+      });
+    }
+  }
+  EXPECT_EQ(cancelled.load(), 3);
+}
+
+TEST(HTTPTransportEncodingTest, PercentEncodingKeepsOnlyUnreservedCharacters) {
+  EXPECT_EQ(HTTPTransport::percentEncode("a-b_c.d~e"), "a-b_c.d~e");
+  EXPECT_EQ(HTTPTransport::percentEncode("a b/\"{}"), "a%20b%2F%22%7B%7D");
+  EXPECT_EQ(HTTPTransport::formEncode({{"k", "v"}, {"x y", "1&2"}}), "k=v&x%20y=1%262");
+}
+
+}  // namespace
+}  // namespace brivet
