@@ -1,0 +1,59 @@
+#include "brivet/adapters/http_json.h"
+
+#include <utility>
+#include <vector>
+
+namespace brivet {
+
+Error httpError(HTTPErrorCode code, std::string message) {
+  return Error::withDescription(std::string(kHTTPErrorDomain), static_cast<std::int64_t>(code), std::move(message));
+}
+
+Result<std::string> encodeJSONParameters(const Object& parameters) {
+  std::vector<std::pair<std::string, std::string>> fields;
+  if (const Dictionary* d = parameters.asDictionary()) {
+    for (const auto& [key, value] : *d) {
+      Result<std::string> text = writeJSON(value, JSONWritingOptions::FragmentsAllowed);
+      if (!text.ok()) {
+        return httpError(HTTPErrorCode::BadParameters,
+                         "parameter " + key.description() + ": " + text.error().localizedDescription());
+      }
+      fields.emplace_back(key.description(), std::move(text).value());
+    }
+  }
+  return HTTPTransport::formEncode(fields);
+}
+
+Result<Object> decodeJSONAnswer(const Result<HTTPResponse, HTTPTransportError>& answer, JSONReadingOptions options) {
+  if (!answer.ok()) {
+    const HTTPTransportError& failure = answer.error();
+    switch (failure.kind) {
+      case HTTPTransportError::Kind::ConnectionFailed:
+        return httpError(HTTPErrorCode::ConnectionFailed, "Could not connect: " + failure.message);
+      case HTTPTransportError::Kind::TimedOut:
+        return httpError(HTTPErrorCode::TimedOut, "The request timed out: " + failure.message);
+      case HTTPTransportError::Kind::Cancelled: return httpError(HTTPErrorCode::Cancelled, "The request was cancelled.");
+      case HTTPTransportError::Kind::TooLarge:
+        return httpError(HTTPErrorCode::TooLarge, "The answer is too large: " + failure.message);
+      case HTTPTransportError::Kind::Other:
+        return httpError(HTTPErrorCode::TransferFailed, "The request failed: " + failure.message);
+    }
+  }
+  const HTTPResponse& response = answer.value();
+  Result<Object> document = parseJSON(response.body, options);
+  if (response.statusCode >= 400) {
+    const Object body = document.ok() ? document.value() : Object(response.body);
+    const std::string text = "The server answered with HTTP status " + std::to_string(response.statusCode) + ".";
+    return Error(std::string(kHTTPErrorDomain), response.statusCode,
+                 Object::dictionary({{Object(kLocalizedDescriptionKey), Object(text)},
+                                     {Object(kHTTPStatusCodeKey), Object(static_cast<std::int64_t>(response.statusCode))},
+                                     {Object(kHTTPErrorBodyKey), body}}));
+  }
+  if (!document.ok()) {
+    return httpError(HTTPErrorCode::NotJSON,
+                     "The server's answer is not JSON: " + document.error().localizedDescription());
+  }
+  return document;
+}
+
+}  // namespace brivet

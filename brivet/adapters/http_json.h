@@ -1,0 +1,53 @@
+// JSON over HTTP, shared by the ready-made adapters of both models.
+//
+// Requests carry a parameter dictionary: as query parameters of a GET, or as a
+// form-encoded POST body, each value written as JSON text (a string value
+// "call" travels as "\"call\"", an array as its JSON array). The loopback
+// server reads them back the same way.
+//
+// Answers are JSON documents. Every way an answer can fail becomes an `Error`
+// in `kHTTPErrorDomain`: an HTTP status of 400 or more (the code is the
+// status; the user info holds the status under `kHTTPStatusCodeKey` and the
+// error body - parsed JSON when it is JSON, else its text - under
+// `kHTTPErrorBodyKey`), a body that is not JSON, a refused connection, a
+// timeout, a cancelled request or an answer too large (negative codes below).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "brivet/adapters/http_transport.h"
+#include "brivet/platform/error.h"
+#include "brivet/platform/json.h"
+#include "brivet/platform/object.h"
+#include "brivet/platform/result.h"
+
+namespace brivet {
+
+inline constexpr std::string_view kHTTPErrorDomain = "io.brivet.Brivet.HTTP";
+inline constexpr std::string_view kHTTPStatusCodeKey = "statusCode";
+inline constexpr std::string_view kHTTPErrorBodyKey = "errorBody";
+
+enum class HTTPErrorCode : std::int64_t {
+  ConnectionFailed = -1,
+  TimedOut = -2,
+  Cancelled = -3,
+  TooLarge = -4,
+  NotJSON = -5,
+  BadParameters = -6,
+  TransferFailed = -7,
+};
+
+// "k1=v1&k2=v2" with every value of the dictionary written as JSON text; an
+// error when a value cannot be written as JSON.
+[[nodiscard]] Result<std::string> encodeJSONParameters(const Object& parameters);
+
+// The JSON document of a successful answer, or the error that describes why
+// there is none.
+[[nodiscard]] Result<Object> decodeJSONAnswer(const Result<HTTPResponse, HTTPTransportError>& answer,
+                                              JSONReadingOptions options);
+
+Error httpError(HTTPErrorCode code, std::string message);
+
+}  // namespace brivet
