@@ -1,0 +1,969 @@
+#include "brivet/core/values/internal/node.h"
+
+#include <algorithm>
+#include <new>
+
+#include "brivet/platform/precondition.h"
+
+namespace brivet::internal {
+namespace {
+
+constexpr unsigned kTrieBits = 5;
+constexpr unsigned kTrieLevels = 12;  // 60 of the 64 hash bits; then collision lists
+
+template <class T>
+T* allocateNode(std::size_t bytes, NodeKind kind, std::uint16_t depth) {
+  void* memory = ::operator new(bytes);
+  auto* node = static_cast<T*>(memory);
+  new (&node->header) Node{};
+  node->header.kind = kind;
+  node->header.depth = depth;
+  return node;
+}
+void freeNode(Node* n) { ::operator delete(static_cast<void*>(n)); }
+
+inline std::uint16_t clampDepth(std::size_t d) { return static_cast<std::uint16_t>(d > 0xFFFF ? 0xFFFF : d); }
+
+// --- Shapes ---
+
+ShapeNode* newShape(const Slot* keys, std::uint32_t count, std::uint32_t hash) {
+  const std::size_t bytes = offsetof(ShapeNode, keys) + sizeof(Slot) * std::max<std::uint32_t>(count, 1);
+  auto* shape = allocateNode<ShapeNode>(bytes, NodeKind::Shape, 0);
+  shape->count = count;
+  shape->hash = hash;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    shape->keys[i] = keys[i];
+    retain(keys[i]);
+  }
+  return shape;
+}
+
+std::uint32_t shapeHash(const Entry* entries, std::size_t count) {
+  std::uint64_t h = 0x9E3779B97F4A7C15ULL ^ count;
+  for (std::size_t i = 0; i < count; ++i) {
+    const Slot k = entries[i].key;
+    const std::uint64_t part = tagOf(k) == kTagShortString ? k : keyHash(stringOf(entries[i].key));
+    h = (h ^ part) * 0x9FB21C651E98DF25ULL;
+    h ^= h >> 29;
+  }
+  return static_cast<std::uint32_t>(h ^ (h >> 32));
+}
+
+// Records built one after another share their shape: each thread keeps the
+// shapes it used last, so a thousand videos converted in a row hold one key list.
+class ShapeCache {
+ public:
+  ~ShapeCache() {
+    for (ShapeNode* s : slots_) {
+      if (s != nullptr) release(slotOf(&s->header));
+    }
+  }
+  // A retained shape for the keys of `entries`.
+  const ShapeNode* shapeFor(const Entry* entries, std::uint32_t count) {
+    const std::uint32_t hash = shapeHash(entries, count);
+    ShapeNode*& cached = slots_[hash % kSlots];
+    if (cached != nullptr && cached->hash == hash && cached->count == count) {
+      bool same = true;
+      for (std::uint32_t i = 0; i < count && same; ++i) same = keysEqual(cached->keys[i], entries[i].key);
+      if (same) {
+        cached->header.refs.fetch_add(1, std::memory_order_relaxed);
+        return cached;
+      }
+    }
+    std::vector<Slot> keys(count);
+    for (std::uint32_t i = 0; i < count; ++i) keys[i] = entries[i].key;
+    ShapeNode* shape = newShape(keys.data(), count, hash);
+    if (cached != nullptr) release(slotOf(&cached->header));
+    cached = shape;
+    shape->header.refs.fetch_add(1, std::memory_order_relaxed);
+    return shape;
+  }
+
+ private:
+  static constexpr std::size_t kSlots = 64;
+  ShapeNode* slots_[kSlots] = {};
+};
+
+const ShapeNode* shapeFor(const Entry* entries, std::uint32_t count) {
+  thread_local ShapeCache cache;
+  return cache.shapeFor(entries, count);
+}
+
+// --- Small objects ---
+
+// Adopts the values of `entries` (keys are only read); the shape is retained by the caller.
+Slot newSmallObject(const ShapeNode* shape, const Entry* entries) {
+  const std::uint32_t n = shape->count;
+  const std::size_t bytes = offsetof(SmallObjectNode, values) + sizeof(Slot) * std::max<std::uint32_t>(n, 1);
+  std::size_t depth = 0;
+  for (std::uint32_t i = 0; i < n; ++i) depth = std::max<std::size_t>(depth, depthOf(entries[i].value));
+  auto* node = allocateNode<SmallObjectNode>(bytes, NodeKind::SmallObject, clampDepth(depth + 1));
+  node->shape = shape;
+  for (std::uint32_t i = 0; i < n; ++i) node->values[i] = entries[i].value;
+  return slotOf(&node->header);
+}
+
+// --- Hash tries ---
+
+}  // namespace
+
+struct TrieNode {
+  Node header;           // kind Trie or Collision
+  std::uint32_t bitmap;  // Trie: the occupied chunks; Collision: the entry count
+  std::uint32_t pad;
+  Entry entries[1];  // a sub-trie has key kEmpty and its node in `value`
+};
+
+namespace {
+
+inline unsigned chunkOf(std::uint64_t hash, unsigned level) {
+  return static_cast<unsigned>(hash >> (64 - kTrieBits * (level + 1))) & 31u;
+}
+inline std::uint32_t entryCount(const TrieNode* t) {
+  return t->header.kind == NodeKind::Collision ? t->bitmap : static_cast<std::uint32_t>(std::popcount(t->bitmap));
+}
+
+// Owned entries in; each a key/value or (kEmpty, sub-trie).
+TrieNode* newTrie(NodeKind kind, std::uint32_t bitmap, const std::vector<Entry>& entries) {
+  const std::size_t n = entries.size();
+  const std::size_t bytes = offsetof(TrieNode, entries) + sizeof(Entry) * std::max<std::size_t>(n, 1);
+  std::size_t depth = 0;
+  for (const Entry& e : entries) depth = std::max<std::size_t>(depth, depthOf(e.value));
+  auto* t = allocateNode<TrieNode>(bytes, kind, clampDepth(depth));
+  t->bitmap = kind == NodeKind::Collision ? static_cast<std::uint32_t>(n) : bitmap;
+  t->pad = 0;
+  for (std::size_t i = 0; i < n; ++i) t->entries[i] = entries[i];
+  return t;
+}
+
+Slot trieFind(const TrieNode* t, const KeyProbe& key, std::uint64_t hash) {
+  for (unsigned level = 0;; ++level) {
+    if (t->header.kind == NodeKind::Collision) {
+      for (std::uint32_t i = 0; i < t->bitmap; ++i) {
+        if (key.matches(t->entries[i].key)) return t->entries[i].value;
+      }
+      return kEmpty;
+    }
+    const std::uint32_t bit = 1u << chunkOf(hash, level);
+    if ((t->bitmap & bit) == 0) return kEmpty;
+    const Entry& e = t->entries[std::popcount(t->bitmap & (bit - 1))];
+    if (e.key == kEmpty) {
+      t = reinterpret_cast<const TrieNode*>(nodeOf(e.value));
+      continue;
+    }
+    return key.matches(e.key) ? e.value : kEmpty;
+  }
+}
+
+void trieForEach(const TrieNode* t, const std::function<void(const Slot&, const Slot&)>& f) {
+  const std::uint32_t n = entryCount(t);
+  for (std::uint32_t i = 0; i < n; ++i) {
+    const Entry& e = t->entries[i];
+    if (e.key == kEmpty) {
+      trieForEach(reinterpret_cast<const TrieNode*>(nodeOf(e.value)), f);
+    } else {
+      f(e.key, e.value);
+    }
+  }
+}
+
+struct Change {
+  std::uint64_t hash;
+  Slot key;    // borrowed
+  Slot value;  // borrowed
+};
+
+// Applies changes[0..n), all of one key, one after another to `old` (borrowed).
+// Answers an owned slot (kEmpty: the key is gone).
+Slot combineRun(Slot old, const Change* changes, std::size_t n, const Combine& combine) {
+  retain(old);
+  Slot current = old;
+  for (std::size_t i = 0; i < n; ++i) {
+    Slot next = combine(current, changes[i].value);
+    release(current);
+    current = next;
+  }
+  return current;
+}
+
+bool sameKeyRun(const Change* b, const Change* e, const Slot* existingKey) {
+  for (const Change* c = b + 1; c < e; ++c) {
+    if (c->hash != b->hash || !keysEqual(c->key, b->key)) return false;
+  }
+  return existingKey == nullptr || keysEqual(*existingKey, b->key);
+}
+
+TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, unsigned level, const Combine& combine,
+                     std::int64_t& delta);
+
+// A trie one level down holding only `e` (retained), for a key that now shares its prefix.
+TrieNode* pushDown(const Entry& e, unsigned level) {
+  retain(e.key);
+  retain(e.value);
+  if (level >= kTrieLevels) return newTrie(NodeKind::Collision, 0, {e});
+  const std::uint64_t h = keyHash(stringOf(e.key));
+  return newTrie(NodeKind::Trie, 1u << chunkOf(h, level), {e});
+}
+
+TrieNode* collisionUpdate(const TrieNode* t, const Change* begin, const Change* end, const Combine& combine,
+                          std::int64_t& delta) {
+  std::vector<Entry> out;
+  bool changed = false;
+  if (t != nullptr) {
+    for (std::uint32_t i = 0; i < t->bitmap; ++i) {
+      Entry e = t->entries[i];
+      retain(e.key);
+      retain(e.value);
+      out.push_back(e);
+    }
+  }
+  for (const Change* c = begin; c < end; ++c) {
+    auto it = std::find_if(out.begin(), out.end(), [&](const Entry& e) { return keysEqual(e.key, c->key); });
+    const Slot old = it == out.end() ? kEmpty : it->value;
+    const Slot next = combine(old, c->value);
+    if (next == old) {
+      release(next);
+      continue;
+    }
+    changed = true;
+    if (it == out.end()) {
+      if (next != kEmpty) {
+        retain(c->key);
+        out.push_back({c->key, next});
+        ++delta;
+      }
+    } else if (next == kEmpty) {
+      release(it->key);
+      release(it->value);
+      out.erase(it);
+      --delta;
+    } else {
+      release(it->value);
+      it->value = next;
+    }
+  }
+  if (!changed) {
+    for (Entry& e : out) {
+      release(e.key);
+      release(e.value);
+    }
+    if (t != nullptr) retain(slotOf(&t->header));
+    return const_cast<TrieNode*>(t);
+  }
+  if (out.empty()) return nullptr;
+  return newTrie(NodeKind::Collision, 0, out);
+}
+
+// Changes are sorted by hash (equal keys in their original order). Answers the
+// updated trie (owned; `t` itself, retained, when nothing changed; nullptr when empty).
+TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, unsigned level, const Combine& combine,
+                     std::int64_t& delta) {
+  if (level >= kTrieLevels || (t != nullptr && t->header.kind == NodeKind::Collision)) {
+    return collisionUpdate(t, begin, end, combine, delta);
+  }
+  std::vector<Entry> out;
+  out.reserve((t != nullptr ? entryCount(t) : 0) + static_cast<std::size_t>(end - begin));
+  std::uint32_t bitmap = 0;
+  bool changed = false;
+  const Change* c = begin;
+  for (unsigned chunk = 0; chunk < 32; ++chunk) {
+    const std::uint32_t bit = 1u << chunk;
+    const Entry* existing = nullptr;
+    if (t != nullptr && (t->bitmap & bit) != 0) existing = &t->entries[std::popcount(t->bitmap & (bit - 1))];
+    const Change* runEnd = c;
+    while (runEnd < end && chunkOf(runEnd->hash, level) == chunk) ++runEnd;
+    if (runEnd == c) {
+      if (existing != nullptr) {
+        retain(existing->key);
+        retain(existing->value);
+        out.push_back(*existing);
+        bitmap |= bit;
+      }
+      continue;
+    }
+    Entry result{kEmpty, kEmpty};
+    if (existing != nullptr && existing->key == kEmpty) {
+      const auto* sub = reinterpret_cast<const TrieNode*>(nodeOf(existing->value));
+      TrieNode* updated = trieUpdate(sub, c, runEnd, level + 1, combine, delta);
+      if (updated != sub) changed = true;
+      if (updated != nullptr) result = {kEmpty, slotOf(&updated->header)};
+    } else if (sameKeyRun(c, runEnd, existing != nullptr ? &existing->key : nullptr)) {
+      const Slot old = existing != nullptr ? existing->value : kEmpty;
+      const Slot next = combineRun(old, c, static_cast<std::size_t>(runEnd - c), combine);
+      if (next != old) changed = true;
+      if (next != kEmpty) {
+        const Slot key = existing != nullptr ? existing->key : c->key;
+        retain(key);
+        result = {key, next};
+      }
+      if (existing == nullptr && next != kEmpty) ++delta;
+      if (existing != nullptr && next == kEmpty) --delta;
+    } else {
+      TrieNode* below = existing != nullptr ? pushDown(*existing, level + 1) : nullptr;
+      TrieNode* updated = trieUpdate(below, c, runEnd, level + 1, combine, delta);
+      if (below != nullptr) release(slotOf(&below->header));
+      changed = true;
+      if (updated != nullptr) result = {kEmpty, slotOf(&updated->header)};
+    }
+    // A sub-trie left with a single key/value collapses into this level.
+    if (result.key == kEmpty && result.value != kEmpty) {
+      auto* sub = reinterpret_cast<TrieNode*>(nodeOf(result.value));
+      if (entryCount(sub) == 1 && sub->entries[0].key != kEmpty) {
+        Entry only = sub->entries[0];
+        retain(only.key);
+        retain(only.value);
+        release(result.value);
+        result = only;
+        changed = true;
+      }
+    }
+    if (result.value != kEmpty) {
+      out.push_back(result);
+      bitmap |= bit;
+    }
+    c = runEnd;
+  }
+  if (!changed) {
+    for (Entry& e : out) {
+      release(e.key);
+      release(e.value);
+    }
+    if (t == nullptr) return nullptr;
+    retain(slotOf(&t->header));
+    return const_cast<TrieNode*>(t);
+  }
+  if (out.empty()) return nullptr;
+  return newTrie(NodeKind::Trie, bitmap, out);
+}
+
+std::vector<Change> sortedChanges(const std::vector<Entry>& entries) {
+  std::vector<Change> changes;
+  changes.reserve(entries.size());
+  for (const Entry& e : entries) changes.push_back({keyHash(stringOf(e.key)), e.key, e.value});
+  std::stable_sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) { return a.hash < b.hash; });
+  return changes;
+}
+
+Slot newHashObject(TrieNode* root, std::uint64_t count) {
+  auto* node = allocateNode<HashObjectNode>(sizeof(HashObjectNode), NodeKind::HashObject,
+                                            clampDepth(std::size_t{root->header.depth} + 1));
+  node->count = count;
+  node->root = root;
+  return slotOf(&node->header);
+}
+
+Slot takeNew(Slot /*old*/, Slot value) {
+  retain(value);
+  return value;
+}
+
+// An object of `entries` (borrowed, distinct keys) in the representation its size calls for.
+Slot objectFromDistinct(const std::vector<Entry>& entries) {
+  if (entries.size() <= kMaxSmallObject) {
+    const ShapeNode* shape = shapeFor(entries.data(), static_cast<std::uint32_t>(entries.size()));
+    for (const Entry& e : entries) retain(e.value);
+    return newSmallObject(shape, entries.data());
+  }
+  std::vector<Change> changes = sortedChanges(entries);
+  std::int64_t delta = 0;
+  TrieNode* root = trieUpdate(nullptr, changes.data(), changes.data() + changes.size(), 0, takeNew, delta);
+  return newHashObject(root, static_cast<std::uint64_t>(delta));
+}
+
+}  // namespace
+
+// --- Doubles: exponents 2^-126 .. 2^128 (and both zeros) fit in a slot ---
+
+bool encodeDouble(double d, Slot* out) {
+  const std::uint64_t bits = std::bit_cast<std::uint64_t>(d);
+  const std::uint64_t rotated = std::rotl(bits, 1);  // sign in bit 0, exponent in bits 53..63
+  const std::uint64_t exponent = (bits >> 52) & 0x7FF;
+  std::uint64_t encoded;
+  if ((bits << 1) == 0) {
+    encoded = rotated;  // +0 or -0
+  } else if (exponent >= 897 && exponent <= 1151) {
+    encoded = rotated - (std::uint64_t{896} << 53);
+  } else {
+    return false;
+  }
+  *out = (encoded << 3) | kTagDouble;
+  return true;
+}
+
+double decodeDouble(Slot s) {
+  const std::uint64_t encoded = s >> 3;
+  const std::uint64_t rotated = (encoded >> 53) == 0 ? encoded : encoded + (std::uint64_t{896} << 53);
+  return std::bit_cast<double>(std::rotr(rotated, 1));
+}
+
+// --- Scalars ---
+
+Slot makeString(std::string_view text) {
+  if (text.size() <= 7) {
+    Slot s = kTagShortString | (static_cast<Slot>(text.size()) << 3);
+    for (std::size_t i = 0; i < text.size(); ++i)
+      s |= static_cast<Slot>(static_cast<unsigned char>(text[i])) << (8 * (i + 1));
+    return s;
+  }
+  BRIVET_PRECONDITION(text.size() <= UINT32_MAX, "string longer than 4 GB");
+  const std::size_t bytes = offsetof(StringNode, bytes) + text.size();
+  auto* node = allocateNode<StringNode>(bytes, NodeKind::String, 0);
+  node->length = static_cast<std::uint32_t>(text.size());
+  std::memcpy(node->bytes, text.data(), text.size());
+  return slotOf(&node->header);
+}
+
+namespace {
+Slot boxNumber(Number::Type type, std::uint64_t payload) {
+  auto* node = allocateNode<NumberNode>(sizeof(NumberNode), NodeKind::Number, 0);
+  node->header.flags = static_cast<std::uint8_t>(type);
+  node->value.u = payload;
+  return slotOf(&node->header);
+}
+}  // namespace
+
+Slot makeSignedNumber(std::int64_t v) {
+  if (v >= kMinInt && v <= kMaxInt) return (static_cast<Slot>(v) << 3) | kTagInt;
+  return boxNumber(Number::Type::Signed, static_cast<std::uint64_t>(v));
+}
+Slot makeUnsignedNumber(std::uint64_t v) { return boxNumber(Number::Type::Unsigned, v); }
+Slot makeDoubleNumber(double d) {
+  Slot s;
+  if (encodeDouble(d, &s)) return s;
+  return boxNumber(Number::Type::Double, std::bit_cast<std::uint64_t>(d));
+}
+Slot makeNumber(const Number& n) {
+  switch (n.type()) {
+    case Number::Type::Boolean: return n.boolValue() ? kTrue : kFalse;
+    case Number::Type::Signed: return makeSignedNumber(n.int64Value());
+    case Number::Type::Unsigned: return makeUnsignedNumber(n.uint64Value());
+    case Number::Type::Double: return makeDoubleNumber(n.doubleValue());
+  }
+  return kNull;
+}
+
+Number numberOf(Slot s) {
+  if (isBooleanSlot(s)) return Number(s == kTrue);
+  if (tagOf(s) == kTagInt) return Number(intOf(s));
+  if (tagOf(s) == kTagDouble) return Number(decodeDouble(s));
+  const auto* n = reinterpret_cast<const NumberNode*>(nodeOf(s));
+  switch (static_cast<Number::Type>(n->header.flags)) {
+    case Number::Type::Unsigned: return Number(n->value.u);
+    case Number::Type::Double: return Number(n->value.d);
+    default: return Number(n->value.i);
+  }
+}
+
+Object numberObjectOf(Slot s) {
+  if (isBooleanSlot(s)) return Object::boolean(s == kTrue);
+  if (tagOf(s) == kTagInt) return Object::integer(intOf(s));
+  if (tagOf(s) == kTagDouble) return Object::real(decodeDouble(s));
+  const auto* n = reinterpret_cast<const NumberNode*>(nodeOf(s));
+  switch (static_cast<Number::Type>(n->header.flags)) {
+    case Number::Type::Unsigned: return Object::unsignedInteger(n->value.u);
+    case Number::Type::Double: return Object::real(n->value.d);
+    default: return Object::integer(n->value.i);
+  }
+}
+
+KeyProbe::KeyProbe(std::string_view key) : text(key), inlineSlot(key.size() <= 7 ? makeString(key) : kEmpty) {}
+
+std::uint64_t keyHash(std::string_view key) { return String::hashText(key); }
+
+// --- Objects ---
+
+std::size_t objectSize(Slot object) {
+  const Node* n = nodeOf(object);
+  if (n->kind == NodeKind::SmallObject) return reinterpret_cast<const SmallObjectNode*>(n)->shape->count;
+  return reinterpret_cast<const HashObjectNode*>(n)->count;
+}
+
+Slot objectFind(Slot object, const KeyProbe& key) {
+  const Node* n = nodeOf(object);
+  if (n->kind == NodeKind::SmallObject) {
+    const auto* o = reinterpret_cast<const SmallObjectNode*>(n);
+    const ShapeNode* shape = o->shape;
+    for (std::uint32_t i = 0; i < shape->count; ++i) {
+      if (key.matches(shape->keys[i])) return o->values[i];
+    }
+    return kEmpty;
+  }
+  const auto* h = reinterpret_cast<const HashObjectNode*>(n);
+  return trieFind(h->root, key, keyHash(key.text));
+}
+
+void objectForEach(Slot object, const std::function<void(const Slot&, const Slot&)>& f) {
+  const Node* n = nodeOf(object);
+  if (n->kind == NodeKind::SmallObject) {
+    const auto* o = reinterpret_cast<const SmallObjectNode*>(n);
+    for (std::uint32_t i = 0; i < o->shape->count; ++i) f(o->shape->keys[i], o->values[i]);
+    return;
+  }
+  trieForEach(reinterpret_cast<const HashObjectNode*>(n)->root, f);
+}
+
+std::vector<Entry> objectEntries(Slot object) {
+  std::vector<Entry> entries;
+  entries.reserve(objectSize(object));
+  objectForEach(object, [&](const Slot& k, const Slot& v) { entries.push_back({k, v}); });
+  return entries;
+}
+
+ObjectBuilder::~ObjectBuilder() {
+  for (Entry& e : entries_) {
+    release(e.key);
+    release(e.value);
+  }
+}
+
+Slot ObjectBuilder::build() {
+  std::size_t depth = 0;
+  for (const Entry& e : entries_) depth = std::max<std::size_t>(depth, depthOf(e.value));
+  if (depth + 1 > kMaxDepth) return kNull;
+  Slot result;
+  if (entries_.size() <= kMaxSmallObject) {
+    // Later entries replace earlier ones with an equal key, in place.
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+      std::size_t j = 0;
+      while (j < kept && !keysEqual(entries_[j].key, entries_[i].key)) ++j;
+      if (j < kept) {
+        release(entries_[j].value);
+        entries_[j].value = entries_[i].value;
+        release(entries_[i].key);
+      } else {
+        entries_[kept++] = entries_[i];
+      }
+    }
+    entries_.resize(kept);
+    const ShapeNode* shape = shapeFor(entries_.data(), static_cast<std::uint32_t>(kept));
+    result = newSmallObject(shape, entries_.data());
+    for (Entry& e : entries_) release(e.key);
+  } else {
+    std::vector<Change> changes = sortedChanges(entries_);
+    std::int64_t delta = 0;
+    TrieNode* root = trieUpdate(nullptr, changes.data(), changes.data() + changes.size(), 0, takeNew, delta);
+    if (static_cast<std::size_t>(delta) <= kMaxSmallObject) {
+      std::vector<Entry> distinct;
+      trieForEach(root, [&](const Slot& k, const Slot& v) { distinct.push_back({k, v}); });
+      result = objectFromDistinct(distinct);
+      release(slotOf(&root->header));
+    } else {
+      result = newHashObject(root, static_cast<std::uint64_t>(delta));
+    }
+    for (Entry& e : entries_) {
+      release(e.key);
+      release(e.value);
+    }
+  }
+  entries_.clear();
+  return result;
+}
+
+Slot objectUpdate(Slot object, const std::vector<Entry>& changes, const Combine& combine) {
+  const Node* n = nodeOf(object);
+  if (changes.empty()) {
+    retain(object);
+    return object;
+  }
+  if (n->kind == NodeKind::HashObject) {
+    const auto* h = reinterpret_cast<const HashObjectNode*>(n);
+    std::vector<Change> sorted = sortedChanges(changes);
+    std::int64_t delta = 0;
+    TrieNode* root = trieUpdate(h->root, sorted.data(), sorted.data() + sorted.size(), 0, combine, delta);
+    if (root == h->root) {
+      release(slotOf(&root->header));
+      retain(object);
+      return object;
+    }
+    const std::uint64_t count = static_cast<std::uint64_t>(static_cast<std::int64_t>(h->count) + delta);
+    if (root == nullptr) return emptyObject();
+    if (count <= kMaxSmallObject) {
+      std::vector<Entry> distinct;
+      trieForEach(root, [&](const Slot& k, const Slot& v) { distinct.push_back({k, v}); });
+      const Slot result = objectFromDistinct(distinct);
+      release(slotOf(&root->header));
+      return result;
+    }
+    if (std::size_t{root->header.depth} + 1 > kMaxDepth) {
+      release(slotOf(&root->header));
+      retain(object);
+      return object;
+    }
+    return newHashObject(root, count);
+  }
+  // A small object: work on its entries, then pick the representation.
+  const auto* o = reinterpret_cast<const SmallObjectNode*>(n);
+  std::vector<Entry> out;  // owned values, borrowed keys (from the shape or the changes)
+  out.reserve(o->shape->count + changes.size());
+  for (std::uint32_t i = 0; i < o->shape->count; ++i) {
+    retain(o->values[i]);
+    out.push_back({o->shape->keys[i], o->values[i]});
+  }
+  bool changed = false;
+  bool keysChanged = false;
+  const bool large = o->shape->count + changes.size() > 2 * kMaxSmallObject;
+  std::vector<Change> sorted;
+  if (large) {
+    // Many changes: hand the work to a trie and come back if the result is small.
+    std::vector<Change> base = sortedChanges(out);
+    std::int64_t delta = 0;
+    TrieNode* root = trieUpdate(nullptr, base.data(), base.data() + base.size(), 0, takeNew, delta);
+    for (Entry& e : out) release(e.value);
+    sorted = sortedChanges(changes);
+    std::int64_t delta2 = 0;
+    TrieNode* updated = trieUpdate(root, sorted.data(), sorted.data() + sorted.size(), 0, combine, delta2);
+    release(slotOf(&root->header));
+    if (updated == root) {
+      release(slotOf(&updated->header));
+      retain(object);
+      return object;
+    }
+    if (updated == nullptr) return emptyObject();
+    const std::uint64_t count = static_cast<std::uint64_t>(delta + delta2);
+    if (count <= kMaxSmallObject) {
+      std::vector<Entry> distinct;
+      trieForEach(updated, [&](const Slot& k, const Slot& v) { distinct.push_back({k, v}); });
+      const Slot result = objectFromDistinct(distinct);
+      release(slotOf(&updated->header));
+      return result;
+    }
+    if (std::size_t{updated->header.depth} + 1 > kMaxDepth) {
+      release(slotOf(&updated->header));
+      retain(object);
+      return object;
+    }
+    return newHashObject(updated, count);
+  }
+  for (const Entry& c : changes) {
+    auto it = std::find_if(out.begin(), out.end(), [&](const Entry& e) { return keysEqual(e.key, c.key); });
+    const Slot old = it == out.end() ? kEmpty : it->value;
+    const Slot next = combine(old, c.value);
+    if (next == old) {
+      release(next);
+      continue;
+    }
+    changed = true;
+    if (it == out.end()) {
+      if (next != kEmpty) {
+        out.push_back({c.key, next});
+        keysChanged = true;
+      }
+    } else if (next == kEmpty) {
+      release(it->value);
+      out.erase(it);
+      keysChanged = true;
+    } else {
+      release(it->value);
+      it->value = next;
+    }
+  }
+  if (!changed) {
+    for (Entry& e : out) release(e.value);
+    retain(object);
+    return object;
+  }
+  std::size_t depth = 0;
+  for (const Entry& e : out) depth = std::max<std::size_t>(depth, depthOf(e.value));
+  if (depth + 1 > kMaxDepth) {
+    for (Entry& e : out) release(e.value);
+    retain(object);
+    return object;
+  }
+  if (!keysChanged) {
+    retain(slotOf(&o->shape->header));
+    return newSmallObject(o->shape, out.data());
+  }
+  if (out.size() <= kMaxSmallObject) {
+    const ShapeNode* shape = shapeFor(out.data(), static_cast<std::uint32_t>(out.size()));
+    return newSmallObject(shape, out.data());
+  }
+  const Slot result = objectFromDistinct(out);
+  for (Entry& e : out) release(e.value);
+  return result;
+}
+
+// --- Arrays ---
+
+Slot buildArray(std::vector<Slot>&& ownedItems) {
+  std::size_t depth = 0;
+  for (Slot s : ownedItems) depth = std::max<std::size_t>(depth, depthOf(s));
+  if (depth + 1 > kMaxDepth || ownedItems.size() > UINT32_MAX) {
+    for (Slot s : ownedItems) release(s);
+    ownedItems.clear();
+    return kNull;
+  }
+  const std::size_t n = ownedItems.size();
+  const std::size_t bytes = offsetof(ArrayNode, items) + sizeof(Slot) * std::max<std::size_t>(n, 1);
+  auto* node = allocateNode<ArrayNode>(bytes, NodeKind::Array, clampDepth(depth + 1));
+  node->count = static_cast<std::uint32_t>(n);
+  node->pad = 0;
+  for (std::size_t i = 0; i < n; ++i) node->items[i] = ownedItems[i];
+  ownedItems.clear();
+  return slotOf(&node->header);
+}
+
+// --- Leaves ---
+
+Slot makeLeaf(LeafKind kind, Slot ownedValue, const Metadata& m) {
+  // A leaf nests one level deeper than its value in the wire form ({"$type": ..., "value": ...}).
+  const std::size_t depth = std::size_t{depthOf(ownedValue)} + 1;
+  if (depth > kMaxDepth) {
+    release(ownedValue);
+    return kNull;
+  }
+  if (m.present == 0 && kind != LeafKind::Error && tagOf(ownedValue) == kTagPointer && ownedValue != kEmpty) {
+    if (kind == LeafKind::Atom) return ownedValue | kTagAtom;
+    if (isArraySlot(ownedValue)) return ownedValue | kTagRef;
+  }
+  const int fields = std::popcount(static_cast<unsigned>(m.present));
+  const std::size_t bytes = offsetof(LeafNode, fields) + sizeof(std::int64_t) * std::max(fields, 1);
+  auto* leaf = allocateNode<LeafNode>(bytes, NodeKind::Leaf, clampDepth(depth));
+  leaf->leafKind = kind;
+  leaf->present = m.present;
+  leaf->expiresKind = m.expiresKind;
+  leaf->refreshKind = m.refreshKind;
+  leaf->pad = 0;
+  leaf->value = ownedValue;
+  int i = 0;
+  if (m.present & (1u << kMetaExpires)) leaf->fields[i++] = m.expires;
+  if (m.present & (1u << kMetaRefresh)) leaf->fields[i++] = m.refresh;
+  if (m.present & (1u << kMetaSize)) {
+    retain(m.size);
+    leaf->fields[i++] = static_cast<std::int64_t>(m.size);
+  }
+  if (m.present & (1u << kMetaTimestamp)) leaf->fields[i++] = m.timestamp;
+  return slotOf(&leaf->header);
+}
+
+Metadata metadataOf(const LeafNode* leaf) {
+  Metadata m;
+  m.present = leaf->present;
+  m.expiresKind = leaf->expiresKind;
+  m.refreshKind = leaf->refreshKind;
+  if (leaf->has(kMetaExpires)) m.expires = leaf->field(kMetaExpires);
+  if (leaf->has(kMetaRefresh)) m.refresh = leaf->field(kMetaRefresh);
+  if (leaf->has(kMetaSize)) m.size = static_cast<Slot>(leaf->field(kMetaSize));
+  if (leaf->has(kMetaTimestamp)) m.timestamp = leaf->field(kMetaTimestamp);
+  return m;
+}
+
+// --- Destruction ---
+
+void destroyNode(Node* n) {
+  switch (n->kind) {
+    case NodeKind::String:
+    case NodeKind::Number: break;
+    case NodeKind::Shape: {
+      auto* s = reinterpret_cast<ShapeNode*>(n);
+      for (std::uint32_t i = 0; i < s->count; ++i) release(s->keys[i]);
+      break;
+    }
+    case NodeKind::SmallObject: {
+      auto* o = reinterpret_cast<SmallObjectNode*>(n);
+      for (std::uint32_t i = 0; i < o->shape->count; ++i) release(o->values[i]);
+      release(slotOf(&o->shape->header));
+      break;
+    }
+    case NodeKind::HashObject: release(slotOf(&reinterpret_cast<HashObjectNode*>(n)->root->header)); break;
+    case NodeKind::Trie:
+    case NodeKind::Collision: {
+      auto* t = reinterpret_cast<TrieNode*>(n);
+      const std::uint32_t count = entryCount(t);
+      for (std::uint32_t i = 0; i < count; ++i) {
+        release(t->entries[i].key);
+        release(t->entries[i].value);
+      }
+      break;
+    }
+    case NodeKind::Array: {
+      auto* a = reinterpret_cast<ArrayNode*>(n);
+      for (std::uint32_t i = 0; i < a->count; ++i) release(a->items[i]);
+      break;
+    }
+    case NodeKind::Leaf: {
+      auto* l = reinterpret_cast<LeafNode*>(n);
+      release(l->value);
+      if (l->has(kMetaSize)) release(static_cast<Slot>(l->field(kMetaSize)));
+      break;
+    }
+  }
+  freeNode(n);
+}
+
+// --- Equality ---
+
+namespace {
+
+enum class ValueClass { String, Number, Boolean, Null, Object, Array, Other };
+
+ValueClass classify(Slot s) {
+  switch (tagOf(s)) {
+    case kTagInt:
+    case kTagDouble: return ValueClass::Number;
+    case kTagShortString: return ValueClass::String;
+    case kTagConstant:
+      if (s == kNull) return ValueClass::Null;
+      return isBooleanSlot(s) ? ValueClass::Boolean : ValueClass::Other;
+    case kTagPointer:
+      if (s == kEmpty) return ValueClass::Other;
+      switch (nodeOf(s)->kind) {
+        case NodeKind::String: return ValueClass::String;
+        case NodeKind::Number: return ValueClass::Number;
+        case NodeKind::SmallObject:
+        case NodeKind::HashObject: return ValueClass::Object;
+        case NodeKind::Array: return ValueClass::Array;
+        default: return ValueClass::Other;
+      }
+    default: return ValueClass::Other;
+  }
+}
+
+using SlotEqual = bool (*)(Slot, Slot);
+
+// 1: equal, 0: different, -1: the tries are shaped differently (compare by lookup).
+int trieEqual(const TrieNode* a, const TrieNode* b, SlotEqual eq) {
+  if (a == b) return 1;
+  if (a->header.kind != b->header.kind || a->bitmap != b->bitmap) return -1;
+  const std::uint32_t n = entryCount(a);
+  if (a->header.kind == NodeKind::Collision) return -1;
+  for (std::uint32_t i = 0; i < n; ++i) {
+    const Entry& x = a->entries[i];
+    const Entry& y = b->entries[i];
+    if ((x.key == kEmpty) != (y.key == kEmpty)) return -1;
+    if (x.key == kEmpty) {
+      const int sub = trieEqual(reinterpret_cast<const TrieNode*>(nodeOf(x.value)),
+                                reinterpret_cast<const TrieNode*>(nodeOf(y.value)), eq);
+      if (sub != 1) return sub;
+    } else {
+      if (!keysEqual(x.key, y.key)) return -1;
+      if (!eq(x.value, y.value)) return 0;
+    }
+  }
+  return 1;
+}
+
+bool objectsEqual(Slot a, Slot b, SlotEqual eq) {
+  if (objectSize(a) != objectSize(b)) return false;
+  const Node* na = nodeOf(a);
+  const Node* nb = nodeOf(b);
+  if (na->kind == NodeKind::SmallObject && nb->kind == NodeKind::SmallObject) {
+    const auto* x = reinterpret_cast<const SmallObjectNode*>(na);
+    const auto* y = reinterpret_cast<const SmallObjectNode*>(nb);
+    bool sameKeys = x->shape == y->shape;
+    if (!sameKeys && x->shape->hash == y->shape->hash) {
+      sameKeys = true;
+      for (std::uint32_t i = 0; i < x->shape->count && sameKeys; ++i) {
+        sameKeys = keysEqual(x->shape->keys[i], y->shape->keys[i]);
+      }
+    }
+    if (sameKeys) {
+      for (std::uint32_t i = 0; i < x->shape->count; ++i) {
+        if (!eq(x->values[i], y->values[i])) return false;
+      }
+      return true;
+    }
+  } else if (na->kind == NodeKind::HashObject && nb->kind == NodeKind::HashObject) {
+    const int r = trieEqual(reinterpret_cast<const HashObjectNode*>(na)->root,
+                            reinterpret_cast<const HashObjectNode*>(nb)->root, eq);
+    if (r >= 0) return r == 1;
+  }
+  bool equal = true;
+  objectForEach(a, [&](const Slot& k, const Slot& v) {
+    if (!equal) return;
+    const Slot other = objectFind(b, KeyProbe(stringOf(k)));
+    equal = other != kEmpty && eq(v, other);
+  });
+  return equal;
+}
+
+bool arraysEqual(Slot a, Slot b, SlotEqual eq) {
+  const ArrayNode* x = arrayOf(a);
+  const ArrayNode* y = arrayOf(b);
+  if (x->count != y->count) return false;
+  for (std::uint32_t i = 0; i < x->count; ++i) {
+    if (!eq(x->items[i], y->items[i])) return false;
+  }
+  return true;
+}
+
+bool scalarsEqual(Slot a, Slot b, ValueClass c) {
+  switch (c) {
+    case ValueClass::String: return stringOf(a) == stringOf(b);
+    case ValueClass::Number: return numberOf(a).isEqual(numberOf(b));
+    default: return a == b;
+  }
+}
+
+// The parts of a wrapped leaf slot, whichever way it is stored.
+struct LeafParts {
+  LeafKind kind;
+  Slot value;
+  Metadata metadata;
+};
+bool leafParts(Slot s, LeafParts* out) {
+  if (tagOf(s) == kTagAtom) {
+    *out = {LeafKind::Atom, s & ~Slot{7}, {}};
+    return true;
+  }
+  if (tagOf(s) == kTagRef) {
+    *out = {LeafKind::Ref, s & ~Slot{7}, {}};
+    return true;
+  }
+  if (isPlainNode(s, NodeKind::Leaf)) {
+    const LeafNode* l = leafOf(s);
+    *out = {l->leafKind, l->value, metadataOf(l)};
+    return true;
+  }
+  return false;
+}
+
+bool metadataEqual(const Metadata& a, const Metadata& b) {
+  if (a.present != b.present) return false;
+  if ((a.present & (1u << kMetaExpires)) &&
+      (a.expiresKind != b.expiresKind || (a.expiresKind == MetaDateKind::Date && a.expires != b.expires))) {
+    return false;
+  }
+  if ((a.present & (1u << kMetaRefresh)) &&
+      (a.refreshKind != b.refreshKind || (a.refreshKind == MetaDateKind::Date && a.refresh != b.refresh))) {
+    return false;
+  }
+  if ((a.present & (1u << kMetaSize)) && !numberOf(a.size).isEqual(numberOf(b.size))) return false;
+  if ((a.present & (1u << kMetaTimestamp)) && a.timestamp != b.timestamp) return false;
+  return true;
+}
+
+}  // namespace
+
+bool valueEqual(Slot a, Slot b) {
+  if (a == b) return true;
+  const ValueClass c = classify(a);
+  if (c != classify(b)) return false;
+  switch (c) {
+    case ValueClass::Object: return objectsEqual(a, b, &valueEqual);
+    case ValueClass::Array: return arraysEqual(a, b, &valueEqual);
+    default: return scalarsEqual(a, b, c);
+  }
+}
+
+bool graphEqual(Slot a, Slot b) {
+  if (a == b) return true;
+  LeafParts x;
+  LeafParts y;
+  const bool wrappedA = leafParts(a, &x);
+  const bool wrappedB = leafParts(b, &y);
+  if (wrappedA || wrappedB) {
+    if (wrappedA != wrappedB || x.kind != y.kind) return false;
+    return metadataEqual(x.metadata, y.metadata) && valueEqual(x.value, y.value);
+  }
+  if (a == kUndefined || b == kUndefined) return false;
+  const ValueClass c = classify(a);
+  if (c != classify(b)) return false;
+  switch (c) {
+    case ValueClass::Object: return objectsEqual(a, b, &graphEqual);
+    case ValueClass::Array: return arraysEqual(a, b, &graphEqual);
+    default: return scalarsEqual(a, b, c);
+  }
+}
+
+}  // namespace brivet::internal
