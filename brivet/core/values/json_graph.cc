@@ -254,30 +254,74 @@ bool operator==(const JSONGraphMetadata& a, const JSONGraphMetadata& b) {
 
 namespace internal {
 
-Metadata metadataFromDictionary(const Dictionary& d, const Object& defaultExpires, Date parseTime) {
+namespace {
+
+// The entries of a node dictionary that decide what it is, found in one pass
+// (borrowed: valid while the dictionary lives).
+struct NodeKeys {
+  const Object* type = nullptr;
+  const Object* value = nullptr;
+  const Object* timestamp = nullptr;
+  const Object* size = nullptr;
+  const Object* expires = nullptr;
+  const Object* refresh = nullptr;
+};
+
+NodeKeys scanNodeKeys(const Dictionary& d) {
+  NodeKeys k;
+  for (const auto& [key, value] : d) {
+    const String* s = key.asString();
+    if (s == nullptr) continue;
+    const std::string_view t = s->text();
+    if (t.empty()) continue;
+    if (t[0] == '$') {
+      if (t == "$type") {
+        k.type = &value;
+      } else if (t == "$timestamp") {
+        k.timestamp = &value;
+      } else if (t == "$size") {
+        k.size = &value;
+      } else if (t == "$expires") {
+        k.expires = &value;
+      } else if (t == "$refresh") {
+        k.refresh = &value;
+      }
+    } else if (t == "value") {
+      k.value = &value;
+    }
+  }
+  return k;
+}
+
+const Number* numberAt(const Object* o) { return o != nullptr ? o->asNumber() : nullptr; }
+
+Metadata metadataFromKeys(const NodeKeys& k, const Object& defaultExpires, Date parseTime) {
   Metadata m;
-  const Object timestamp = d.objectForKey("$timestamp");
-  if (const Number* n = timestamp.asNumber()) {
+  if (const Number* n = numberAt(k.timestamp)) {
     m.present |= bit(kMetaTimestamp);
     m.timestamp = ticksOf(dateOfMilliseconds(n->doubleValue()));
   }
-  const Object size = d.objectForKey("$size");
-  if (const Number* n = size.asNumber()) {
+  if (const Number* n = numberAt(k.size)) {
     m.present |= bit(kMetaSize);
     m.size = makeNumber(*n);  // owned by the caller
   }
-  Object expires = d.objectForKey("$expires");
-  if (!expires.isNumber()) expires = defaultExpires;
-  if (const Number* n = expires.asNumber()) {
+  const Number* expires = numberAt(k.expires);
+  if (expires == nullptr) expires = defaultExpires.asNumber();
+  if (expires != nullptr) {
     m.present |= bit(kMetaExpires);
-    readMetaDate(n->doubleValue(), parseTime, &m.expiresKind, &m.expires);
+    readMetaDate(expires->doubleValue(), parseTime, &m.expiresKind, &m.expires);
   }
-  const Object refresh = d.objectForKey("$refresh");
-  if (const Number* n = refresh.asNumber()) {
+  if (const Number* n = numberAt(k.refresh)) {
     m.present |= bit(kMetaRefresh);
     readMetaDate(n->doubleValue(), parseTime, &m.refreshKind, &m.refresh);
   }
   return m;
+}
+
+}  // namespace
+
+Metadata metadataFromDictionary(const Dictionary& d, const Object& defaultExpires, Date parseTime) {
+  return metadataFromKeys(scanNodeKeys(d), defaultExpires, parseTime);
 }
 
 bool viewLeaf(Slot s, LeafView* out) {
@@ -315,25 +359,29 @@ Slot leafWithMetadata(LeafKind kind, Slot ownedValue, Metadata m) {
 Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object& defaultExpires, Date parseTime) {
   if (const Dictionary* d = object.asDictionary()) {
     if (remaining == 0) return kNull;
-    const Object type = d->objectForKey("$type");
-    if (const String* typeText = type.asString()) {
-      const Object value = d->objectForKey("value");
-      if (value.isNil()) return kUndefined;
+    // Small dictionaries (every leaf) are scanned once; large ones are branches
+    // unless their index finds a "$type".
+    NodeKeys keys;
+    if (d->size() <= 8 || d->contains("$type")) keys = scanNodeKeys(*d);
+    const String* typeText = keys.type != nullptr ? keys.type->asString() : nullptr;
+    if (typeText != nullptr) {
+      if (keys.value == nullptr) return kUndefined;
+      const Object& value = *keys.value;
       const std::string_view t = typeText->text();
       if (t == "atom") {
         return leafWithMetadata(LeafKind::Atom, valueSlotFromAny(value, remaining - 1),
-                                metadataFromDictionary(*d, Object(), parseTime));
+                                metadataFromKeys(keys, Object(), parseTime));
       }
       if (t == "error") {
         return leafWithMetadata(LeafKind::Error, valueSlotFromAny(value, remaining - 1),
-                                metadataFromDictionary(*d, defaultExpires, parseTime));
+                                metadataFromKeys(keys, defaultExpires, parseTime));
       }
       if (t == "ref") {
         if (const Array* path = value.asArray()) {
           const bool allText = std::all_of(path->begin(), path->end(), [](const Object& e) { return e.isString(); });
           if (allText && remaining >= 2) {
             return leafWithMetadata(LeafKind::Ref, valueSlotFromAny(value, remaining - 1),
-                                    metadataFromDictionary(*d, Object(), parseTime));
+                                    metadataFromKeys(keys, Object(), parseTime));
           }
         }
       }

@@ -89,6 +89,34 @@ const ShapeNode* shapeFor(const Entry* entries, std::uint32_t count) {
   return cache.shapeFor(entries, count);
 }
 
+// Builders borrow their entry vectors from a per-thread pool, so building a
+// node costs no allocation beyond the node itself.
+class EntryPool {
+ public:
+  std::vector<Entry> take() {
+    if (free_.empty()) {
+      std::vector<Entry> v;
+      v.reserve(16);
+      return v;
+    }
+    std::vector<Entry> v = std::move(free_.back());
+    free_.pop_back();
+    return v;
+  }
+  void give(std::vector<Entry>&& v) {
+    if (v.capacity() > 4096 || free_.size() >= 64) return;
+    v.clear();
+    free_.push_back(std::move(v));
+  }
+
+ private:
+  std::vector<std::vector<Entry>> free_;
+};
+EntryPool& entryPool() {
+  thread_local EntryPool pool;
+  return pool;
+}
+
 // --- Small objects ---
 
 // Adopts the values of `entries` (keys are only read); the shape is retained by the caller.
@@ -261,8 +289,11 @@ TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, 
   if (level >= kTrieLevels || (t != nullptr && t->header.kind == NodeKind::Collision)) {
     return collisionUpdate(t, begin, end, combine, delta);
   }
-  std::vector<Entry> out;
-  out.reserve((t != nullptr ? entryCount(t) : 0) + static_cast<std::size_t>(end - begin));
+  std::vector<Entry> out = entryPool().take();
+  struct Give {
+    std::vector<Entry>& v;
+    ~Give() { entryPool().give(std::move(v)); }
+  } give{out};
   std::uint32_t bitmap = 0;
   bool changed = false;
   const Change* c = begin;
@@ -405,11 +436,18 @@ Slot makeString(std::string_view text) {
       s |= static_cast<Slot>(static_cast<unsigned char>(text[i])) << (8 * (i + 1));
     return s;
   }
-  BRIVET_PRECONDITION(text.size() <= UINT32_MAX, "string longer than 4 GB");
-  const std::size_t bytes = offsetof(StringNode, bytes) + text.size();
-  auto* node = allocateNode<StringNode>(bytes, NodeKind::String, 0);
-  node->length = static_cast<std::uint32_t>(text.size());
-  std::memcpy(node->bytes, text.data(), text.size());
+  if (text.size() < StringNode::kLongLength) {
+    auto* node = allocateNode<StringNode>(offsetof(StringNode, bytes) + text.size(), NodeKind::String,
+                                          static_cast<std::uint16_t>(text.size() & 0xFFFF));
+    node->header.flags = static_cast<std::uint8_t>(text.size() >> 16);
+    std::memcpy(node->bytes, text.data(), text.size());
+    return slotOf(&node->header);
+  }
+  const std::uint64_t length = text.size();
+  auto* node = allocateNode<StringNode>(offsetof(StringNode, bytes) + sizeof length + text.size(), NodeKind::String, 0);
+  node->header.flags = 0xFF;
+  std::memcpy(node->bytes, &length, sizeof length);
+  std::memcpy(node->bytes + sizeof length, text.data(), text.size());
   return slotOf(&node->header);
 }
 
@@ -509,11 +547,14 @@ std::vector<Entry> objectEntries(Slot object) {
   return entries;
 }
 
+ObjectBuilder::ObjectBuilder() : entries_(entryPool().take()) {}
+
 ObjectBuilder::~ObjectBuilder() {
   for (Entry& e : entries_) {
     release(e.key);
     release(e.value);
   }
+  entryPool().give(std::move(entries_));
 }
 
 Slot ObjectBuilder::build() {

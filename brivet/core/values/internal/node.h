@@ -94,7 +94,9 @@ inline void release(Slot s) {
     if (n->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) destroyNode(n);
   }
 }
-inline std::uint16_t depthOf(Slot s) { return holdsNode(s) ? nodeOf(s)->depth : 0; }
+inline std::uint16_t depthOf(Slot s) {
+  return holdsNode(s) && nodeOf(s)->kind != NodeKind::String ? nodeOf(s)->depth : 0;
+}
 
 // An owning slot: copying retains, destruction releases.
 class SlotRef {
@@ -139,11 +141,20 @@ inline std::int64_t intOf(Slot s) { return static_cast<std::int64_t>(s) >> 3; }
 bool encodeDouble(double d, Slot* out);
 double decodeDouble(Slot s);
 
+// The length lives in the header (flags and depth: 24 bits); texts of 16 MB
+// and more mark flags 0xFF and keep a 64-bit length before their bytes.
 struct StringNode {
   Node header;
-  std::uint32_t length;
-  char bytes[4];  // `length` bytes follow
-  std::string_view text() const { return {bytes, length}; }
+  char bytes[8];
+  static constexpr std::size_t kLongLength = 0xFF0000;
+  std::string_view text() const {
+    if (header.flags == 0xFF) {
+      std::uint64_t length;
+      std::memcpy(&length, bytes, sizeof length);
+      return {bytes + sizeof length, static_cast<std::size_t>(length)};
+    }
+    return {bytes, (static_cast<std::size_t>(header.flags) << 16) | header.depth};
+  }
 };
 struct NumberNode {
   Node header;  // flags: Number::Type
@@ -268,10 +279,11 @@ inline const LeafNode* leafOf(Slot s) { return reinterpret_cast<const LeafNode*>
 // than kMaxDepth.
 class ObjectBuilder {
  public:
-  ObjectBuilder() = default;
+  ObjectBuilder();
   ObjectBuilder(const ObjectBuilder&) = delete;
   ObjectBuilder& operator=(const ObjectBuilder&) = delete;
   ~ObjectBuilder();
+  ObjectBuilder(ObjectBuilder&&) = delete;
   void reserve(std::size_t n) { entries_.reserve(n); }
   void add(Slot ownedKey, Slot ownedValue) { entries_.push_back({ownedKey, ownedValue}); }
   void add(std::string_view key, Slot ownedValue) { add(makeString(key), ownedValue); }
