@@ -16,30 +16,24 @@ using internal::SlotRef;
 
 namespace {
 
-std::int64_t ticksOf(Date d) { return static_cast<std::int64_t>(d.time_since_epoch().count()); }
-Date dateOfTicks(std::int64_t t) { return Date(Date::duration(static_cast<Date::duration::rep>(t))); }
+double msOf(Date d) { return timeIntervalSince1970(d) * 1000.0; }
 Date dateOfMilliseconds(double ms) { return dateWithTimeIntervalSince1970(ms / 1000.0); }
 
 constexpr std::uint8_t bit(internal::MetaField f) { return static_cast<std::uint8_t>(1u << f); }
 
-MetaDate metaDateOf(MetaDateKind kind, std::int64_t ticks) {
+MetaDate metaDateOf(MetaDateKind kind, double ms) {
   switch (kind) {
     case MetaDateKind::Never: return MetaDate::never();
     case MetaDateKind::Now: return MetaDate::now();
-    default: return MetaDate::date(dateOfTicks(ticks));
+    default: return MetaDate::date(dateOfMilliseconds(ms));
   }
 }
 
-void setMetaDate(const MetaDate& d, MetaDateKind* kind, std::int64_t* ticks) {
+void setMetaDate(const MetaDate& d, MetaDateKind* kind, double* ms) {
   *kind = d.kind() == MetaDate::Kind::Date
               ? MetaDateKind::Date
               : (d.kind() == MetaDate::Kind::Never ? MetaDateKind::Never : MetaDateKind::Now);
-  *ticks = d.kind() == MetaDate::Kind::Date ? ticksOf(d.dateValue()) : 0;
-}
-
-// The four "$expires" rules, straight into the stored form.
-void readMetaDate(double v, Date parseTime, MetaDateKind* kind, std::int64_t* ticks) {
-  setMetaDate(MetaDate::fromWireNumber(v, parseTime), kind, ticks);
+  *ms = d.kind() == MetaDate::Kind::Date ? msOf(d.dateValue()) : 0;
 }
 
 JSONGraphMetadata publicMetadata(const Metadata& m) {
@@ -47,7 +41,7 @@ JSONGraphMetadata publicMetadata(const Metadata& m) {
   if (m.present & bit(internal::kMetaExpires)) out.expires = metaDateOf(m.expiresKind, m.expires);
   if (m.present & bit(internal::kMetaRefresh)) out.refresh = metaDateOf(m.refreshKind, m.refresh);
   if (m.present & bit(internal::kMetaSize)) out.size = internal::numberObjectOf(m.size);
-  if (m.present & bit(internal::kMetaTimestamp)) out.timestamp = dateOfTicks(m.timestamp);
+  if (m.present & bit(internal::kMetaTimestamp)) out.timestamp = dateOfMilliseconds(m.timestamp);
   return out;
 }
 
@@ -69,16 +63,18 @@ Metadata storedMetadata(const JSONGraphMetadata& m, SlotRef* sizeHolder) {
   }
   if (m.timestamp) {
     out.present |= bit(internal::kMetaTimestamp);
-    out.timestamp = ticksOf(*m.timestamp);
+    out.timestamp = msOf(*m.timestamp);
   }
   return out;
 }
 
-double wireNumberOf(MetaDateKind kind, std::int64_t ticks) { return metaDateOf(kind, ticks).wireNumber(); }
+double wireNumberOf(MetaDateKind kind, double ms) {
+  return kind == MetaDateKind::Never ? 1.0 : (kind == MetaDateKind::Now ? 0.0 : ms);
+}
 
 void appendMetadataEntries(const Metadata& m, std::vector<Object::Entry>& out) {
   if (m.present & bit(internal::kMetaTimestamp)) {
-    out.emplace_back(Object("$timestamp"), Object::real(timeIntervalSince1970(dateOfTicks(m.timestamp)) * 1000.0));
+    out.emplace_back(Object("$timestamp"), Object::real(m.timestamp));
   }
   if (m.present & bit(internal::kMetaSize)) out.emplace_back(Object("$size"), internal::numberObjectOf(m.size));
   if (m.present & bit(internal::kMetaExpires)) {
@@ -89,9 +85,7 @@ void appendMetadataEntries(const Metadata& m, std::vector<Object::Entry>& out) {
   }
 }
 
-void describeMetaDate(MetaDateKind kind, std::int64_t ticks, std::string& out) {
-  out += metaDateOf(kind, ticks).description();
-}
+void describeMetaDate(MetaDateKind kind, double ms, std::string& out) { out += metaDateOf(kind, ms).description(); }
 
 void describeMetadata(const Metadata& m, std::string& out) {
   out += "JSONGraphMetadata(expires: ";
@@ -109,7 +103,7 @@ void describeMetadata(const Metadata& m, std::string& out) {
   out += ", size: ";
   out += (m.present & bit(internal::kMetaSize)) ? internal::numberOf(m.size).description() : "nil";
   out += ", timestamp: ";
-  out += (m.present & bit(internal::kMetaTimestamp)) ? dateDescription(dateOfTicks(m.timestamp)) : "nil";
+  out += (m.present & bit(internal::kMetaTimestamp)) ? dateDescription(dateOfMilliseconds(m.timestamp)) : "nil";
   out += ')';
 }
 
@@ -215,7 +209,8 @@ std::string MetaDate::description() const {
 
 std::size_t MetaDate::hash() const {
   std::size_t h = (static_cast<std::size_t>(kind_) + 1) * 0x9E3779B97F4A7C15ULL;
-  if (kind_ == Kind::Date) h ^= static_cast<std::size_t>(ticksOf(date_)) + 0x9e3779b9 + (h << 6) + (h >> 2);
+  if (kind_ == Kind::Date)
+    h ^= static_cast<std::size_t>(date_.time_since_epoch().count()) + 0x9e3779b9 + (h << 6) + (h >> 2);
   return h;
 }
 
@@ -253,6 +248,22 @@ bool operator==(const JSONGraphMetadata& a, const JSONGraphMetadata& b) {
 }
 
 namespace internal {
+
+void readWireDate(double v, Date parseTime, MetaDateKind* kind, double* ms) {
+  if (v < 0) {
+    *kind = MetaDateKind::Date;
+    *ms = msOf(parseTime) + -v;  // relative to the parse, kept as an absolute date
+  } else if (v == 1) {
+    *kind = MetaDateKind::Never;
+    *ms = 0;
+  } else if (v == 0) {
+    *kind = MetaDateKind::Now;
+    *ms = 0;
+  } else {
+    *kind = MetaDateKind::Date;
+    *ms = v;
+  }
+}
 
 namespace {
 
@@ -299,7 +310,7 @@ Metadata metadataFromKeys(const NodeKeys& k, const Object& defaultExpires, Date 
   Metadata m;
   if (const Number* n = numberAt(k.timestamp)) {
     m.present |= bit(kMetaTimestamp);
-    m.timestamp = ticksOf(dateOfMilliseconds(n->doubleValue()));
+    m.timestamp = n->doubleValue();
   }
   if (const Number* n = numberAt(k.size)) {
     m.present |= bit(kMetaSize);
@@ -309,11 +320,11 @@ Metadata metadataFromKeys(const NodeKeys& k, const Object& defaultExpires, Date 
   if (expires == nullptr) expires = defaultExpires.asNumber();
   if (expires != nullptr) {
     m.present |= bit(kMetaExpires);
-    readMetaDate(expires->doubleValue(), parseTime, &m.expiresKind, &m.expires);
+    readWireDate(expires->doubleValue(), parseTime, &m.expiresKind, &m.expires);
   }
   if (const Number* n = numberAt(k.refresh)) {
     m.present |= bit(kMetaRefresh);
-    readMetaDate(n->doubleValue(), parseTime, &m.refreshKind, &m.refresh);
+    readWireDate(n->doubleValue(), parseTime, &m.refreshKind, &m.refresh);
   }
   return m;
 }

@@ -165,6 +165,8 @@ namespace internal {
 Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object& defaultExpires, Date parseTime);
 Object graphSlotToAny(Slot s);
 Metadata metadataFromDictionary(const Dictionary& d, const Object& defaultExpires, Date parseTime);
+// The "$expires" number rules into the stored form (milliseconds since 1970).
+void readWireDate(double wire, Date parseTime, MetaDateKind* kind, double* ms);
 // The parts of any graph leaf slot: false for branches.
 struct LeafView {
   JSONGraphLeaf::Kind kind;

@@ -233,10 +233,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     const Slot timestamp = lastEntry(start, timestampKey);
     if (isNumberLike(timestamp)) {
       m.present |= 1u << kMetaTimestamp;
-      m.timestamp =
-          static_cast<std::int64_t>(dateWithTimeIntervalSince1970(internal::numberOf(timestamp).doubleValue() / 1000.0)
-                                        .time_since_epoch()
-                                        .count());
+      m.timestamp = internal::numberOf(timestamp).doubleValue();
     }
     const Slot size = lastEntry(start, sizeKey);
     if (isNumberLike(size)) {
@@ -255,16 +252,12 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     }
     if (hasExpires) {
       m.present |= 1u << kMetaExpires;
-      const MetaDate d = MetaDate::fromWireNumber(v, parseTime_);
-      m.expiresKind = static_cast<internal::MetaDateKind>(d.kind());
-      m.expires = static_cast<std::int64_t>(d.dateValue().time_since_epoch().count());
+      internal::readWireDate(v, parseTime_, &m.expiresKind, &m.expires);
     }
     const Slot refresh = lastEntry(start, refreshKey);
     if (isNumberLike(refresh)) {
       m.present |= 1u << kMetaRefresh;
-      const MetaDate d = MetaDate::fromWireNumber(internal::numberOf(refresh).doubleValue(), parseTime_);
-      m.refreshKind = static_cast<internal::MetaDateKind>(d.kind());
-      m.refresh = static_cast<std::int64_t>(d.dateValue().time_since_epoch().count());
+      internal::readWireDate(internal::numberOf(refresh).doubleValue(), parseTime_, &m.refreshKind, &m.refresh);
     }
     return m;
   }
@@ -279,7 +272,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     Slot built = internal::kNull;
     if (value == internal::kEmpty) {
       built = internal::kUndefined;
-    } else if ((internal::isObjectSlot(value) || internal::isArraySlot(value)) && f.valueChild != 1) {
+    } else if (f.valueChild == 2) {
       needsGeneralRoad_ = true;  // the value was read as a graph before the "$type" that makes it plain
     } else {
       const std::string_view t = internal::stringOf(type);
@@ -341,19 +334,25 @@ class GraphWriter {
     }
     const char* type =
         v.kind == JSONGraphLeaf::Kind::Atom ? "atom" : (v.kind == JSONGraphLeaf::Kind::Error ? "error" : "ref");
-    if (!w_.StartObject() || !key("$type") || !text(type) || !key("value") || !value(v.value)) return false;
     const internal::Metadata& m = v.metadata;
-    if (m.present & (1u << internal::kMetaTimestamp)) {
-      const Date d{Date::duration(static_cast<Date::duration::rep>(m.timestamp))};
-      if (!key("$timestamp") || !w_.Double(timeIntervalSince1970(d) * 1000.0)) return false;
-    }
-    if ((m.present & (1u << internal::kMetaSize)) && (!key("$size") || !primitive(m.size))) return false;
-    if (m.present & (1u << internal::kMetaExpires)) {
-      if (!key("$expires") || !w_.Double(wireOf(m.expiresKind, m.expires))) return false;
-    }
-    if ((m.present & (1u << internal::kMetaRefresh)) &&
-        (!key("$refresh") || !w_.Double(wireOf(m.refreshKind, m.refresh)))) {
-      return false;
+    auto has = [&](internal::MetaField f) { return (m.present & (1u << f)) != 0; };
+    auto writeField = [&](int field) {
+      switch (field) {
+        case 0: return key("$type") && text(type);
+        case 1: return key("value") && value(v.value);
+        case 2: return !has(internal::kMetaTimestamp) || (key("$timestamp") && w_.Double(m.timestamp));
+        case 3: return !has(internal::kMetaSize) || (key("$size") && primitive(m.size));
+        case 4: return !has(internal::kMetaExpires) || (key("$expires") && w_.Double(wireOf(m.expiresKind, m.expires)));
+        default:
+          return !has(internal::kMetaRefresh) || (key("$refresh") && w_.Double(wireOf(m.refreshKind, m.refresh)));
+      }
+    };
+    // The order a dictionary of these keys is written in: as built, or by byte value.
+    static constexpr int kBuilt[] = {0, 1, 2, 3, 4, 5};
+    static constexpr int kSorted[] = {4, 5, 3, 2, 0, 1};
+    if (!w_.StartObject()) return false;
+    for (int field : sortKeys_ ? kSorted : kBuilt) {
+      if (!writeField(field)) return false;
     }
     return w_.EndObject();
   }
@@ -372,12 +371,8 @@ class GraphWriter {
   }
 
  private:
-  static double wireOf(internal::MetaDateKind kind, std::int64_t ticks) {
-    switch (kind) {
-      case internal::MetaDateKind::Never: return 1.0;
-      case internal::MetaDateKind::Now: return 0.0;
-      default: return timeIntervalSince1970(Date(Date::duration(static_cast<Date::duration::rep>(ticks)))) * 1000.0;
-    }
+  static double wireOf(internal::MetaDateKind kind, double ms) {
+    return kind == internal::MetaDateKind::Never ? 1.0 : (kind == internal::MetaDateKind::Now ? 0.0 : ms);
   }
 
   bool object(Slot s, bool asGraph) {

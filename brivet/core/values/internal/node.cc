@@ -767,13 +767,13 @@ Slot makeLeaf(LeafKind kind, Slot ownedValue, const Metadata& m) {
   leaf->pad = 0;
   leaf->value = ownedValue;
   int i = 0;
-  if (m.present & (1u << kMetaExpires)) leaf->fields[i++] = m.expires;
-  if (m.present & (1u << kMetaRefresh)) leaf->fields[i++] = m.refresh;
+  if (m.present & (1u << kMetaExpires)) leaf->fields[i++] = std::bit_cast<std::int64_t>(m.expires);
+  if (m.present & (1u << kMetaRefresh)) leaf->fields[i++] = std::bit_cast<std::int64_t>(m.refresh);
   if (m.present & (1u << kMetaSize)) {
     retain(m.size);
     leaf->fields[i++] = static_cast<std::int64_t>(m.size);
   }
-  if (m.present & (1u << kMetaTimestamp)) leaf->fields[i++] = m.timestamp;
+  if (m.present & (1u << kMetaTimestamp)) leaf->fields[i++] = std::bit_cast<std::int64_t>(m.timestamp);
   return slotOf(&leaf->header);
 }
 
@@ -782,10 +782,10 @@ Metadata metadataOf(const LeafNode* leaf) {
   m.present = leaf->present;
   m.expiresKind = leaf->expiresKind;
   m.refreshKind = leaf->refreshKind;
-  if (leaf->has(kMetaExpires)) m.expires = leaf->field(kMetaExpires);
-  if (leaf->has(kMetaRefresh)) m.refresh = leaf->field(kMetaRefresh);
+  if (leaf->has(kMetaExpires)) m.expires = std::bit_cast<double>(leaf->field(kMetaExpires));
+  if (leaf->has(kMetaRefresh)) m.refresh = std::bit_cast<double>(leaf->field(kMetaRefresh));
   if (leaf->has(kMetaSize)) m.size = static_cast<Slot>(leaf->field(kMetaSize));
-  if (leaf->has(kMetaTimestamp)) m.timestamp = leaf->field(kMetaTimestamp);
+  if (leaf->has(kMetaTimestamp)) m.timestamp = std::bit_cast<double>(leaf->field(kMetaTimestamp));
   return m;
 }
 

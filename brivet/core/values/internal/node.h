@@ -245,7 +245,7 @@ struct LeafNode {
   MetaDateKind refreshKind;
   std::uint32_t pad;
   Slot value;
-  std::int64_t fields[1];  // one per present field, in MetaField order (dates as clock ticks, size as a slot)
+  std::int64_t fields[1];  // one per present field, in MetaField order (dates as double milliseconds, size as a slot)
   bool has(MetaField f) const { return (present >> f) & 1u; }
   std::int64_t field(MetaField f) const {
     return fields[std::popcount(static_cast<unsigned>(present & ((1u << f) - 1)))];
@@ -316,10 +316,12 @@ struct Metadata {
   std::uint8_t present = 0;
   MetaDateKind expiresKind = MetaDateKind::Date;
   MetaDateKind refreshKind = MetaDateKind::Date;
-  std::int64_t expires = 0;  // clock ticks
-  std::int64_t refresh = 0;
+  // Dates are kept as the wire has them, milliseconds since 1970, so text
+  // written and read back gives the same leaf.
+  double expires = 0;
+  double refresh = 0;
   Slot size = kEmpty;  // a number slot, borrowed
-  std::int64_t timestamp = 0;
+  double timestamp = 0;
 };
 // A leaf slot from its parts (the value is owned and adopted); metadata-free atoms
 // of node values and metadata-free references need no leaf node.

@@ -1,0 +1,170 @@
+#include "brivet/core/values/json_value.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "brivet/platform/date.h"
+
+namespace brivet {
+namespace {
+
+JSONValue obj(std::vector<std::pair<std::string, JSONValue>> entries) { return JSONValue::object(std::move(entries)); }
+JSONValue str(std::string_view s) { return JSONPrimitive::string(s); }
+JSONValue num(std::int64_t i) { return JSONPrimitive::integer(i); }
+
+TEST(JSONValueConversionTest, FromPlatformObjectsInTestOrder) {
+  const Object input = Object::dictionary({{Object::integer(7), "seven"},
+                                           {"flag", true},
+                                           {"one", 1},
+                                           {"half", 0.5},
+                                           {"big", Object::unsignedInteger(18446744073709551615ULL)},
+                                           {"none", Object::null()},
+                                           {"when", Object::date(dateNow())},
+                                           {"list", Object::array({"a", Object::integer(2)})}});
+  const JSONValue v = JSONValue::fromAny(input);
+  ASSERT_TRUE(v.isObject());
+  EXPECT_EQ(v.size(), 8u);
+  EXPECT_EQ(*v.find("7"), str("seven"));  // a number key becomes its text
+  EXPECT_EQ(v.find("flag")->primitive().kind(), JSONPrimitive::Kind::Boolean);
+  EXPECT_EQ(v.find("one")->primitive().kind(), JSONPrimitive::Kind::Number);
+  EXPECT_NE(*v.find("flag"), *v.find("one"));  // a boolean is not the number 1
+  EXPECT_EQ(v.find("none")->primitive().kind(), JSONPrimitive::Kind::Null);
+  EXPECT_EQ(v.find("when")->primitive().kind(), JSONPrimitive::Kind::Null);  // unknown objects become null
+  EXPECT_EQ(*v.find("list"), JSONValue::array({str("a"), num(2)}));
+
+  const Object back = v.toAnyType();
+  EXPECT_TRUE(back["flag"].isBoolean());
+  EXPECT_EQ(back["one"].asNumber()->type(), Number::Type::Signed);
+  EXPECT_EQ(back["half"].asNumber()->type(), Number::Type::Double);
+  EXPECT_EQ(back["big"].asNumber()->type(), Number::Type::Unsigned);
+  EXPECT_EQ(back["big"].asNumber()->uint64Value(), 18446744073709551615ULL);
+  EXPECT_TRUE(back["when"].isNull());
+  EXPECT_EQ(back["7"].stringValue(), "seven");
+}
+
+TEST(JSONValueConversionTest, ScalarsKeepTheirTypeAcrossEncodings) {
+  // Values at the edges of the in-slot forms and beyond them come back unchanged.
+  const std::vector<Object> numbers = {Object::integer(0),
+                                       Object::integer(-1),
+                                       Object::integer((std::int64_t{1} << 60) - 1),
+                                       Object::integer(std::int64_t{1} << 60),
+                                       Object::integer(INT64_MIN),
+                                       Object::real(0.0),
+                                       Object::real(-0.0),
+                                       Object::real(4.9),
+                                       Object::real(1e-300),
+                                       Object::real(1e300),
+                                       Object::real(3.0),
+                                       Object::unsignedInteger(5)};
+  for (const Object& n : numbers) {
+    const Object back = JSONValue::fromAny(n).toAnyType();
+    EXPECT_EQ(back.asNumber()->type(), n.asNumber()->type()) << n.description();
+    EXPECT_TRUE(back.isEqual(n)) << n.description();
+    EXPECT_EQ(back.description(), n.description());
+  }
+  for (const std::string& s : std::vector<std::string>{"", "abc", "1234567", "12345678", std::string(300, 'x')}) {
+    EXPECT_EQ(JSONValue::fromAny(Object(s)).primitive().stringValue(), s);
+  }
+}
+
+TEST(JSONValueConversionTest, EmptyContainersStayEmpty) {
+  EXPECT_TRUE(JSONValue::fromAny(Object::dictionary()).isObject());
+  EXPECT_EQ(JSONValue::fromAny(Object::dictionary()).size(), 0u);
+  EXPECT_TRUE(JSONValue::fromAny(Object::array()).isArray());
+  EXPECT_TRUE(JSONValue::emptyObject().toAnyType().isDictionary());
+  EXPECT_EQ(JSONValue::array({}).toAnyType().count(), 0u);
+}
+
+TEST(JSONValueConversionTest, DeepNestingIsCutWithoutExhaustingTheStack) {
+  // 100,000 nested arrays; every level is kept alive by `levels`, so the
+  // platform tree is released one level at a time.
+  std::vector<Object> levels;
+  levels.push_back(Object::array({Object::integer(1)}));
+  for (int i = 0; i < 100000; ++i) levels.push_back(Object::array({levels.back()}));
+  const JSONValue v = JSONValue::fromAny(levels.back());
+  std::size_t depth = 0;
+  JSONValue cursor = v;
+  while (cursor.isArray()) {
+    cursor = cursor.at(0);
+    ++depth;
+  }
+  EXPECT_EQ(depth, 512u);  // below the limit the value is null
+  EXPECT_TRUE(cursor.primitive().isNull());
+  EXPECT_EQ(v, v);
+  EXPECT_FALSE(v.description().empty());
+  while (!levels.empty()) levels.pop_back();  // outermost first: no level releases a chain
+}
+
+TEST(JSONValueObjectTest, LargeObjectsFindUpdateAndCompare) {
+  std::vector<std::pair<std::string, JSONValue>> entries;
+  for (int i = 0; i < 2000; ++i) entries.emplace_back("key" + std::to_string(i), num(i));
+  entries.emplace_back("key7", num(-7));  // a later duplicate wins
+  const JSONValue big = obj(entries);
+  EXPECT_EQ(big.size(), 2000u);
+  EXPECT_EQ(*big.find("key1999"), num(1999));
+  EXPECT_EQ(*big.find("key7"), num(-7));
+  EXPECT_FALSE(big.find("key2000").has_value());
+
+  std::reverse(entries.begin(), entries.end() - 1);
+  EXPECT_EQ(obj(entries), big);  // order does not matter
+  entries[0].second = num(5);
+  EXPECT_NE(obj(entries), big);
+
+  const JSONValue merged = JSONValue::merge(obj({{"key3", num(33)}, {"extra", str("x")}}), big);
+  EXPECT_EQ(merged.size(), 2001u);
+  EXPECT_EQ(*merged.find("key3"), num(33));
+  EXPECT_EQ(*merged.find("key4"), num(4));
+  EXPECT_EQ(*big.find("key3"), num(3));  // the original is unchanged
+}
+
+TEST(JSONValueMergeTest, ObjectsMergeDeeplyAndEverythingElseIsReplaced) {
+  const JSONValue old =
+      obj({{"a", obj({{"x", num(1)}, {"y", num(2)}})}, {"b", num(1)}, {"list", JSONValue::array({num(1)})}});
+  const JSONValue incoming = obj({{"a", obj({{"y", num(3)}})}, {"c", num(4)}, {"list", JSONValue::array({num(9)})}});
+  const JSONValue merged = JSONValue::merge(incoming, old);
+  EXPECT_EQ(merged, obj({{"a", obj({{"x", num(1)}, {"y", num(3)}})},
+                         {"b", num(1)},
+                         {"c", num(4)},
+                         {"list", JSONValue::array({num(9)})}}));
+  EXPECT_EQ(JSONValue::merge(num(1), old), num(1));
+  EXPECT_EQ(JSONValue::merge(old, num(1)), old);
+  // Growing a small object past its inline limit keeps every key.
+  std::vector<std::pair<std::string, JSONValue>> many;
+  for (int i = 0; i < 40; ++i) many.emplace_back("k" + std::to_string(i), num(i));
+  EXPECT_EQ(JSONValue::merge(obj(many), old).size(), 43u);
+}
+
+TEST(JSONValueMergeTest, AMergeThatChangesNothingSharesTheOldValue) {
+  const JSONValue old = obj({{"a", obj({{"x", num(1)}})}, {"b", str("long enough text")}});
+  const JSONValue same = obj({{"a", obj({{"x", num(1)}})}});
+  EXPECT_EQ(JSONValue::merge(same, old).slot(), old.slot());
+}
+
+TEST(JSONValueEqualityTest, CasesAndNumbers) {
+  EXPECT_EQ(JSONPrimitive::integer(1), JSONPrimitive::real(1.0));
+  EXPECT_EQ(JSONPrimitive::integer(1).hash(), JSONPrimitive::real(1.0).hash());
+  EXPECT_NE(JSONPrimitive::integer(1), JSONPrimitive::boolean(true));
+  EXPECT_NE(JSONPrimitive::integer(1), JSONPrimitive::string("1"));
+  EXPECT_NE(JSONPrimitive::null().hash(), JSONPrimitive::string("").hash());
+  EXPECT_EQ(JSONPrimitive::string("a longer string"), JSONPrimitive::string("a longer string"));
+  EXPECT_EQ(JSONPrimitive::string("a longer string").hash(), JSONPrimitive::string("a longer string").hash());
+  EXPECT_NE(obj({{"a", num(1)}}), obj({{"b", num(1)}}));
+  EXPECT_NE(JSONValue::array({num(1), num(2)}), JSONValue::array({num(2), num(1)}));
+}
+
+TEST(JSONValueDescriptionTest, Renderings) {
+  EXPECT_EQ(str("x").description(), "\"x\"");
+  EXPECT_EQ(str("say \"hi\"").description(), "\"say \"hi\"\"");
+  EXPECT_EQ(JSONPrimitive::null().description(), "(null)");
+  EXPECT_EQ(JSONPrimitive::boolean(true).description(), "true");
+  EXPECT_EQ(num(42).description(), "42");
+  EXPECT_EQ(JSONPrimitive::real(3.5).description(), "3.5");
+  EXPECT_EQ(obj({{"a", num(1)}}).description(), "[\"a\": 1]");
+  EXPECT_EQ(JSONValue::array({num(1), str("b")}).description(), "[1, \"b\"]");
+  EXPECT_EQ(JSONValue::emptyObject().description(), "[:]");
+}
+
+}  // namespace
+}  // namespace brivet
