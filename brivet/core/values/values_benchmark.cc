@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "brivet/core/values/json_graph.h"
+#include "brivet/core/values/path_tree.h"
 #include "brivet/testing/catalogue.h"
 
 namespace brivet {
@@ -118,13 +119,13 @@ void BM_GraphEqualSelf(benchmark::State& state) {
 }
 BENCHMARK(BM_GraphEqualSelf)->Arg(10000);
 
-#if 0
 // --- Path trees ---
 
 void BM_PathTreeFromKeyPaths(benchmark::State& state) {
   std::vector<std::string> paths;
   for (int i = 0; i < 10000; ++i) {
-    paths.push_back("videos.v" + std::to_string(i / 5) + "." + std::vector<std::string>{"title", "rating", "year", "genre", "boxart"}[i % 5]);
+    paths.push_back("videos.v" + std::to_string(i / 5) + "." +
+                    std::vector<std::string>{"title", "rating", "year", "genre", "boxart"}[i % 5]);
   }
   for (auto _ : state) {
     PathTree tree = PathTree::fromKeyPaths(paths);
@@ -134,7 +135,6 @@ void BM_PathTreeFromKeyPaths(benchmark::State& state) {
 }
 BENCHMARK(BM_PathTreeFromKeyPaths)->Unit(benchmark::kMicrosecond);
 
-#endif
 // --- Probes for the cache ---
 
 // Bytes per cached leaf of the 1,000,000-video graph: allocator bytes in use
