@@ -28,6 +28,10 @@ function(brivet_apply_sanitizers target)
   if(BRIVET_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${BRIVET_SANITIZE} -fno-omit-frame-pointer
                                              -fno-sanitize-recover=all)
+    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND BRIVET_SANITIZE MATCHES "undefined")
+      target_compile_options(${target} PRIVATE
+        -fsanitize-ignorelist=${BRIVET_SOURCE_ROOT}/cmake/sanitizer_ignorelist.txt)
+    endif()
     target_link_options(${target} PRIVATE -fsanitize=${BRIVET_SANITIZE})
   endif()
 endfunction()
