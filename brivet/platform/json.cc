@@ -307,8 +307,9 @@ namespace {
 // the buffer and copied out once.
 template <unsigned kFlags>
 Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options) {
+  // The SIMD string scan reads whole 16-byte blocks, so the buffer is padded past the text.
   std::string buffer;
-  buffer.reserve(text.size() + 1);
+  buffer.reserve(text.size() + 16);
   buffer.assign(text.data(), text.size());
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
