@@ -433,7 +433,7 @@ Result<JSONGraph> JSONGraph::fromJSONText(std::string_view text, const Object& d
   };
   if (!isValidUTF8(text)) return generalRoad();
   std::string buffer;
-  buffer.reserve(text.size() + 1);
+  buffer.reserve(text.size() + 16);  // the SIMD string scan reads whole 16-byte blocks
   buffer.assign(text.data(), text.size());
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
