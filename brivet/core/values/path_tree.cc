@@ -198,8 +198,8 @@ PathTree freeze(Builder& b) {
   if (b.frozen) return *b.frozen;
   std::vector<PathTree::Entry> entries;
   entries.reserve(b.entries.size());
-  for (auto& [keys, child] : b.entries) entries.emplace_back(keys, freeze(*child));
-  return PathTree::object(std::move(entries));
+  for (auto& [keys, child] : b.entries) entries.emplace_back(std::move(keys), freeze(*child));
+  return PathTree::objectWithDistinctKeySets(std::move(entries));
 }
 
 PathTree freezeTree(Builder& b) { return freeze(b); }
@@ -403,6 +403,10 @@ PathTree PathTree::object(std::vector<Entry> entries) {
   return PathTree(objectNode(std::move(unique)));
 }
 
+PathTree PathTree::objectWithDistinctKeySets(std::vector<Entry> entries) {
+  return PathTree(objectNode(std::move(entries)));
+}
+
 PathTree PathTree::keySet(KeySet keys) {
   auto node = std::make_shared<Node>();
   node->kind = Kind::KeySet;
@@ -505,7 +509,7 @@ PathTree treeOfGraphSlot(internal::Slot s) {
       entries.emplace_back(KeySet{Key::string(std::to_string(i))}, treeOfGraphSlot(a->items[i]));
     }
   }
-  return PathTree::object(std::move(entries));
+  return PathTree::objectWithDistinctKeySets(std::move(entries));
 }
 }  // namespace
 

@@ -78,6 +78,8 @@ class PathTree {
 
   PathTree();                                          // an empty object
   static PathTree object(std::vector<Entry> entries);  // a later entry replaces an earlier equal key set
+  // For builders that know their key sets are distinct: skips the duplicate check.
+  static PathTree objectWithDistinctKeySets(std::vector<Entry> entries);
   static PathTree keySet(KeySet keys);
   static PathTree target();
   static PathTree self();
