@@ -48,12 +48,12 @@ std::string Key::description() const {
 }
 
 std::size_t Key::hash() const {
-  auto combine = [](std::size_t h, std::size_t v) { return h ^ (v + 0x9e3779b9 + (h << 6) + (h >> 2)); };
+  // The case's discriminator first (string 0, number 1, range 2), then the payload.
+  auto feed = [](std::size_t h, std::size_t v) { return h ^ (v + 0x9e3779b9 + (h << 6) + (h >> 2)); };
   switch (kind_) {
-    case Kind::String: return combine(0x51ed27, String::hashText(text_));
-    case Kind::Number: return combine(0x2b1d57, number_.hash());
-    case Kind::Range:
-      return combine(combine(0x7a3e91, std::hash<std::int64_t>()(from_)), std::hash<std::int64_t>()(to_));
+    case Kind::String: return feed(feed(0, 0), String::hashText(text_));
+    case Kind::Number: return feed(feed(0, 1), number_.hash());
+    case Kind::Range: return feed(feed(feed(0, 2), std::hash<std::int64_t>()(from_)), std::hash<std::int64_t>()(to_));
   }
   return 0;
 }
