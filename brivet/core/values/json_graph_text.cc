@@ -317,9 +317,9 @@ class GraphWriter {
   GraphWriter(Writer& w, bool sortKeys) : w_(w), sortKeys_(sortKeys) {}
 
   bool graph(Slot s) {
+    if (internal::isObjectSlot(s)) return object(s, true);
     internal::LeafView v;
     if (!internal::viewLeaf(s, &v)) {
-      if (internal::isObjectSlot(s)) return object(s, true);
       const internal::ArrayNode* a = internal::arrayOf(s);
       if (!w_.StartArray()) return false;
       for (std::uint32_t i = 0; i < a->count; ++i) {
@@ -386,19 +386,16 @@ class GraphWriter {
         if (!key(internal::stringOf(e.key)) || !(asGraph ? graph(e.value) : value(e.value))) return false;
       }
     } else {
-      internal::objectForEach(s, [&](const Slot& k, const Slot& v) {
+      internal::forEachEntry(s, [&](const Slot& k, const Slot& v) {
         if (ok) ok = key(internal::stringOf(k)) && (asGraph ? graph(v) : value(v));
       });
     }
     return ok && w_.EndObject();
   }
 
-  bool key(std::string_view k) {
-    return isValidUTF8(k) && w_.Key(k.data(), static_cast<rapidjson::SizeType>(k.size()));
-  }
-  bool text(std::string_view t) {
-    return isValidUTF8(t) && w_.String(t.data(), static_cast<rapidjson::SizeType>(t.size()));
-  }
+  // Text is copied as it is; the caller checks the whole output for UTF-8 once.
+  bool key(std::string_view k) { return w_.Key(k.data(), static_cast<rapidjson::SizeType>(k.size())); }
+  bool text(std::string_view t) { return w_.String(t.data(), static_cast<rapidjson::SizeType>(t.size())); }
 
   bool primitive(const Slot& s) {
     if (internal::isStringSlot(s)) return text(internal::stringOf(s));
@@ -464,7 +461,11 @@ Result<std::string> JSONGraph::toJSONText(JSONWritingOptions options) const {
       GraphWriter<decltype(writer)> w(writer, sortKeys);
       written = w.graph(s);
     }
-    if (written) return std::string(out.GetString(), out.GetSize());
+    // The writer escapes what JSON requires and copies every other byte, so
+    // the text is UTF-8 exactly when every string and key was.
+    if (written && isValidUTF8(std::string_view(out.GetString(), out.GetSize()))) {
+      return std::string(out.GetString(), out.GetSize());
+    }
   }
   // Something cannot be written (a fragment, a number that is not finite, text
   // that is not UTF-8): the general road gives the error, worded as always.

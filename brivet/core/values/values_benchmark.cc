@@ -229,5 +229,27 @@ void BM_ProbeGraphTextRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(BM_ProbeGraphTextRoundTrip)->Arg(100000)->Unit(benchmark::kMillisecond);
 
+// The two halves: writing, and reading (the parsed graph released untimed).
+void BM_ProbeGraphToText(benchmark::State& state) {
+  const JSONGraph g = catalogueGraph(static_cast<std::size_t>(state.range(0)), 1000);
+  for (auto _ : state) {
+    Result<std::string> text = g.toJSONText();
+    benchmark::DoNotOptimize(text);
+  }
+}
+BENCHMARK(BM_ProbeGraphToText)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void BM_ProbeGraphFromText(benchmark::State& state) {
+  const std::string text = catalogueGraph(static_cast<std::size_t>(state.range(0)), 1000).toJSONText().value();
+  for (auto _ : state) {
+    Result<JSONGraph> g = JSONGraph::fromJSONText(text);
+    benchmark::DoNotOptimize(g);
+    state.PauseTiming();
+    g = JSONGraph();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(BM_ProbeGraphFromText)->Arg(100000)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 }  // namespace brivet

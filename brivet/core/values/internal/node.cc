@@ -133,22 +133,11 @@ Slot newSmallObject(const ShapeNode* shape, const Entry* entries) {
 
 // --- Hash tries ---
 
-}  // namespace
-
-struct TrieNode {
-  Node header;           // kind Trie or Collision
-  std::uint32_t bitmap;  // Trie: the occupied chunks; Collision: the entry count
-  std::uint32_t pad;
-  Entry entries[1];  // a sub-trie has key kEmpty and its node in `value`
-};
-
-namespace {
-
 inline unsigned chunkOf(std::uint64_t hash, unsigned level) {
   return static_cast<unsigned>(hash >> (64 - kTrieBits * (level + 1))) & 31u;
 }
 inline std::uint32_t entryCount(const TrieNode* t) {
-  return t->header.kind == NodeKind::Collision ? t->bitmap : static_cast<std::uint32_t>(std::popcount(t->bitmap));
+  return t->header.kind == NodeKind::Collision ? t->bitmap : popcount32(t->bitmap);
 }
 
 // Owned entries in; each a key/value or (kEmpty, sub-trie).
@@ -174,7 +163,7 @@ Slot trieFind(const TrieNode* t, const KeyProbe& key, std::uint64_t hash) {
     }
     const std::uint32_t bit = 1u << chunkOf(hash, level);
     if ((t->bitmap & bit) == 0) return kEmpty;
-    const Entry& e = t->entries[std::popcount(t->bitmap & (bit - 1))];
+    const Entry& e = t->entries[popcount32(t->bitmap & (bit - 1))];
     if (e.key == kEmpty) {
       t = reinterpret_cast<const TrieNode*>(nodeOf(e.value));
       continue;
@@ -300,7 +289,7 @@ TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, 
   for (unsigned chunk = 0; chunk < 32; ++chunk) {
     const std::uint32_t bit = 1u << chunk;
     const Entry* existing = nullptr;
-    if (t != nullptr && (t->bitmap & bit) != 0) existing = &t->entries[std::popcount(t->bitmap & (bit - 1))];
+    if (t != nullptr && (t->bitmap & bit) != 0) existing = &t->entries[popcount32(t->bitmap & (bit - 1))];
     const Change* runEnd = c;
     while (runEnd < end && chunkOf(runEnd->hash, level) == chunk) ++runEnd;
     if (runEnd == c) {
@@ -757,7 +746,7 @@ Slot makeLeaf(LeafKind kind, Slot ownedValue, const Metadata& m) {
     if (kind == LeafKind::Atom) return ownedValue | kTagAtom;
     if (isArraySlot(ownedValue)) return ownedValue | kTagRef;
   }
-  const int fields = std::popcount(static_cast<unsigned>(m.present));
+  const int fields = static_cast<int>(popcount32(m.present));
   const std::size_t bytes = offsetof(LeafNode, fields) + sizeof(std::int64_t) * std::max(fields, 1);
   auto* leaf = allocateNode<LeafNode>(bytes, NodeKind::Leaf, clampDepth(depth));
   leaf->leafKind = kind;

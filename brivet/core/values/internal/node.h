@@ -71,6 +71,18 @@ struct Node {
 };
 static_assert(sizeof(Node) == 8);
 
+// Bit counts on the hot paths: the instruction where the target has one (a
+// baseline x86-64 build would call a library routine instead), else SWAR.
+inline unsigned popcount32(std::uint32_t x) {
+#if defined(__POPCNT__) || defined(__aarch64__) || defined(__ARM_NEON)
+  return static_cast<unsigned>(__builtin_popcount(x));
+#else
+  x = x - ((x >> 1) & 0x55555555u);
+  x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
+  return (((x + (x >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24;
+#endif
+}
+
 inline unsigned tagOf(Slot s) { return static_cast<unsigned>(s & 7u); }
 inline bool holdsNode(Slot s) {
   const unsigned t = tagOf(s);
@@ -208,6 +220,12 @@ std::uint64_t keyHash(std::string_view key);
 
 // --- Containers ---
 
+// Object entries as (key, value) slots; both are borrowed unless stated.
+struct Entry {
+  Slot key;
+  Slot value;
+};
+
 struct ShapeNode {
   Node header;
   std::uint32_t count;
@@ -219,7 +237,15 @@ struct SmallObjectNode {
   const ShapeNode* shape;
   Slot values[1];  // shape->count slots follow
 };
-struct TrieNode;
+// A persistent hash trie node: Trie nodes index their entries by a 32-bit
+// bitmap of hash chunks; Collision nodes (all 60 hash bits equal) list them.
+struct TrieNode {
+  Node header;           // kind Trie or Collision
+  std::uint32_t bitmap;  // Trie: the occupied chunks; Collision: the entry count
+  std::uint32_t pad;
+  Entry entries[1];  // a sub-trie has key kEmpty and its node in `value`
+  std::uint32_t count() const { return header.kind == NodeKind::Collision ? bitmap : popcount32(bitmap); }
+};
 struct HashObjectNode {
   Node header;
   std::uint64_t count;
@@ -247,15 +273,7 @@ struct LeafNode {
   Slot value;
   std::int64_t fields[1];  // one per present field, in MetaField order (dates as double milliseconds, size as a slot)
   bool has(MetaField f) const { return (present >> f) & 1u; }
-  std::int64_t field(MetaField f) const {
-    return fields[std::popcount(static_cast<unsigned>(present & ((1u << f) - 1)))];
-  }
-};
-
-// Object entries as (key, value) slots; both are borrowed unless stated.
-struct Entry {
-  Slot key;
-  Slot value;
+  std::int64_t field(MetaField f) const { return fields[popcount32(present & ((1u << f) - 1))]; }
 };
 
 std::size_t objectSize(Slot object);
@@ -265,6 +283,34 @@ inline Slot objectFind(Slot object, std::string_view key) { return objectFind(ob
 // Calls `f(keySlot, valueSlot)` for every entry (both borrowed), in the object's order.
 void objectForEach(Slot object, const std::function<void(const Slot&, const Slot&)>& f);
 std::vector<Entry> objectEntries(Slot object);  // borrowed slots, in the object's order
+
+// The same walk without a std::function, for hot loops.
+template <class F>
+void forEachTrieEntry(const TrieNode* t, F& f) {
+  const std::uint32_t n = t->count();
+  // The values of a large object lie apart in memory: ask for them all at once.
+  for (std::uint32_t i = 0; i < n; ++i) {
+    if (holdsNode(t->entries[i].value)) __builtin_prefetch(nodeOf(t->entries[i].value));
+  }
+  for (std::uint32_t i = 0; i < n; ++i) {
+    const auto& e = t->entries[i];
+    if (e.key == kEmpty) {
+      forEachTrieEntry(reinterpret_cast<const TrieNode*>(nodeOf(e.value)), f);
+    } else {
+      f(e.key, e.value);
+    }
+  }
+}
+template <class F>
+void forEachEntry(Slot object, F&& f) {
+  const Node* n = nodeOf(object);
+  if (n->kind == NodeKind::SmallObject) {
+    const auto* o = reinterpret_cast<const SmallObjectNode*>(n);
+    for (std::uint32_t i = 0; i < o->shape->count; ++i) f(o->shape->keys[i], o->values[i]);
+    return;
+  }
+  forEachTrieEntry(reinterpret_cast<const HashObjectNode*>(n)->root, f);
+}
 
 inline bool isObjectSlot(Slot s) {
   return isPlainNode(s, NodeKind::SmallObject) || isPlainNode(s, NodeKind::HashObject);
