@@ -493,7 +493,7 @@ JSONValue JSONGraphLeaf::value() const {
   LeafView v;
   internal::viewLeaf(slot_.get(), &v);
   if (v.kind != Kind::Atom && v.kind != Kind::Error) return JSONValue();
-  return JSONValue::fromSlot(SlotRef::retained(v.value));
+  return JSONValue::fromSlot(SlotRef(internal::copySlot(v.value)));
 }
 
 std::vector<std::string> JSONGraphLeaf::path() const {
@@ -571,7 +571,7 @@ std::optional<JSONGraph> JSONGraph::find(std::string_view key) const {
   if (isObject()) {
     const Slot v = internal::objectFind(slot_.get(), key);
     if (v == internal::kEmpty) return std::nullopt;
-    return JSONGraph(SlotRef::retained(v));
+    return JSONGraph(SlotRef(internal::copySlot(v)));
   }
   std::size_t index;
   if (isArray() && parseIndex(key, &index) && index < size()) return at(index);
@@ -580,16 +580,18 @@ std::optional<JSONGraph> JSONGraph::find(std::string_view key) const {
 
 JSONGraph JSONGraph::at(std::size_t index) const {
   BRIVET_PRECONDITION(isArray() && index < size(), "JSONGraph::at out of range");
-  return JSONGraph(SlotRef::retained(internal::arrayOf(slot_.get())->items[index]));
+  return JSONGraph(SlotRef(internal::copySlot(internal::arrayOf(slot_.get())->items[index])));
 }
 
 void JSONGraph::forEach(const std::function<void(std::string_view, const JSONGraph&)>& f) const {
   if (isObject()) {
-    internal::objectForEach(
-        slot_.get(), [&](const Slot& k, const Slot& v) { f(internal::stringOf(k), JSONGraph(SlotRef::retained(v))); });
+    internal::objectForEach(slot_.get(), [&](const Slot& k, const Slot& v) {
+      f(internal::stringOf(k), JSONGraph(SlotRef(internal::copySlot(v))));
+    });
   } else if (isArray()) {
     const internal::ArrayNode* a = internal::arrayOf(slot_.get());
-    for (std::uint32_t i = 0; i < a->count; ++i) f(std::to_string(i), JSONGraph(SlotRef::retained(a->items[i])));
+    for (std::uint32_t i = 0; i < a->count; ++i)
+      f(std::to_string(i), JSONGraph(SlotRef(internal::copySlot(a->items[i]))));
   }
 }
 
@@ -597,7 +599,7 @@ std::vector<JSONGraph> JSONGraph::elements() const {
   std::vector<JSONGraph> out;
   if (!isArray()) return out;
   const internal::ArrayNode* a = internal::arrayOf(slot_.get());
-  for (std::uint32_t i = 0; i < a->count; ++i) out.push_back(JSONGraph(SlotRef::retained(a->items[i])));
+  for (std::uint32_t i = 0; i < a->count; ++i) out.push_back(JSONGraph(SlotRef(internal::copySlot(a->items[i]))));
   return out;
 }
 

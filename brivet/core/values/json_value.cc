@@ -229,18 +229,19 @@ std::optional<JSONValue> JSONValue::find(std::string_view key) const {
   if (!isObject()) return std::nullopt;
   const Slot v = internal::objectFind(slot_.get(), key);
   if (v == internal::kEmpty) return std::nullopt;
-  return JSONValue(SlotRef::retained(v));
+  return JSONValue(SlotRef(internal::copySlot(v)));
 }
 
 JSONValue JSONValue::at(std::size_t index) const {
   BRIVET_PRECONDITION(isArray() && index < size(), "JSONValue::at out of range");
-  return JSONValue(SlotRef::retained(internal::arrayOf(slot_.get())->items[index]));
+  return JSONValue(SlotRef(internal::copySlot(internal::arrayOf(slot_.get())->items[index])));
 }
 
 void JSONValue::forEach(const std::function<void(std::string_view, const JSONValue&)>& f) const {
   if (!isObject()) return;
-  internal::objectForEach(
-      slot_.get(), [&](const Slot& k, const Slot& v) { f(internal::stringOf(k), JSONValue(SlotRef::retained(v))); });
+  internal::objectForEach(slot_.get(), [&](const Slot& k, const Slot& v) {
+    f(internal::stringOf(k), JSONValue(SlotRef(internal::copySlot(v))));
+  });
 }
 
 std::vector<std::string> JSONValue::keys() const {
@@ -254,12 +255,12 @@ std::vector<JSONValue> JSONValue::elements() const {
   if (!isArray()) return out;
   const internal::ArrayNode* a = internal::arrayOf(slot_.get());
   out.reserve(a->count);
-  for (std::uint32_t i = 0; i < a->count; ++i) out.push_back(JSONValue(SlotRef::retained(a->items[i])));
+  for (std::uint32_t i = 0; i < a->count; ++i) out.push_back(JSONValue(SlotRef(internal::copySlot(a->items[i]))));
   return out;
 }
 
 JSONValue JSONValue::merge(const JSONValue& newValue, const JSONValue& oldValue) {
-  return JSONValue(SlotRef(internal::mergeValues(newValue.slot(), oldValue.slot())));
+  return JSONValue(SlotRef(internal::ownSlot(internal::mergeValues(newValue.slot(), oldValue.slot()))));
 }
 
 Object JSONValue::toAnyType() const { return internal::valueSlotToAny(slot_.get()); }

@@ -119,6 +119,32 @@ TEST(JSONValueObjectTest, LargeObjectsFindUpdateAndCompare) {
   EXPECT_EQ(*big.find("key3"), num(3));  // the original is unchanged
 }
 
+TEST(JSONValueObjectTest, StringsStoredInAnObjectOutliveIt) {
+  // Short strings live inside their object's allocation; every way out copies them.
+  JSONValue title;
+  JSONValue intoLarge;
+  JSONValue intoSmall;
+  std::vector<JSONValue> fromForEach;
+  {
+    const JSONValue video = JSONValue::fromAny(
+        Object::dictionary({{"title", "Title 123456"}, {"genre", "Documentary"}, {"long", std::string(300, 'x')}}));
+    title = *video.find("title");
+    video.forEach([&](std::string_view, const JSONValue& v) { fromForEach.push_back(v); });
+    std::vector<std::pair<std::string, JSONValue>> many;
+    for (int i = 0; i < 40; ++i) many.emplace_back("k" + std::to_string(i), num(i));
+    intoLarge = JSONValue::merge(video, obj(many));
+    intoSmall = JSONValue::merge(video, obj({{"title", str("old title text")}, {"other", str("kept text value")}}));
+  }
+  EXPECT_EQ(title.primitive().stringValue(), "Title 123456");
+  EXPECT_EQ(fromForEach[1].primitive().stringValue(), "Documentary");
+  EXPECT_EQ(fromForEach[2].primitive().stringValue(), std::string(300, 'x'));
+  EXPECT_EQ(intoLarge.size(), 43u);
+  EXPECT_EQ(*intoLarge.find("genre"), str("Documentary"));
+  EXPECT_EQ(*intoSmall.find("title"), str("Title 123456"));
+  EXPECT_EQ(*intoSmall.find("other"), str("kept text value"));
+  EXPECT_EQ(JSONValue::array({*intoSmall.find("genre")}).at(0), str("Documentary"));
+}
+
 TEST(JSONValueMergeTest, ObjectsMergeDeeplyAndEverythingElseIsReplaced) {
   const JSONValue old =
       obj({{"a", obj({{"x", num(1)}, {"y", num(2)}})}, {"b", num(1)}, {"list", JSONValue::array({num(1)})}});

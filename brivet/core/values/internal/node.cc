@@ -119,15 +119,46 @@ EntryPool& entryPool() {
 
 // --- Small objects ---
 
-// Adopts the values of `entries` (keys are only read); the shape is retained by the caller.
+// A string value this object can keep in its own allocation: an embedded
+// string of another object (still alive while this one is built), or a string
+// node nobody else holds.
+bool embeddable(Slot v) {
+  if (tagOf(v) == kTagEmbedded) return true;
+  if (!isPlainNode(v, NodeKind::String)) return false;
+  const Node* n = nodeOf(v);
+  return n->refs.load(std::memory_order_relaxed) == 1 &&
+         reinterpret_cast<const StringNode*>(n)->text().size() <= kMaxEmbeddedString;
+}
+constexpr std::size_t embeddedSize(std::size_t length) { return (length + 1 + 7) & ~std::size_t{7}; }
+
+// Adopts the values of `entries` (keys are only read; embedded values are
+// borrowed and copied in); the shape is retained by the caller.
 Slot newSmallObject(const ShapeNode* shape, const Entry* entries) {
   const std::uint32_t n = shape->count;
-  const std::size_t bytes = offsetof(SmallObjectNode, values) + sizeof(Slot) * std::max<std::uint32_t>(n, 1);
+  const std::size_t base = offsetof(SmallObjectNode, values) + sizeof(Slot) * std::max<std::uint32_t>(n, 1);
+  std::size_t tail = 0;
   std::size_t depth = 0;
-  for (std::uint32_t i = 0; i < n; ++i) depth = std::max<std::size_t>(depth, depthOf(entries[i].value));
-  auto* node = allocateNode<SmallObjectNode>(bytes, NodeKind::SmallObject, clampDepth(depth + 1));
+  for (std::uint32_t i = 0; i < n; ++i) {
+    const Slot v = entries[i].value;
+    depth = std::max<std::size_t>(depth, depthOf(v));
+    if (embeddable(v)) tail += embeddedSize(stringOf(entries[i].value).size());
+  }
+  auto* node = allocateNode<SmallObjectNode>(base + tail, NodeKind::SmallObject, clampDepth(depth + 1));
   node->shape = shape;
-  for (std::uint32_t i = 0; i < n; ++i) node->values[i] = entries[i].value;
+  auto* cursor = reinterpret_cast<unsigned char*>(node) + base;
+  for (std::uint32_t i = 0; i < n; ++i) {
+    const Slot v = entries[i].value;
+    if (!embeddable(v)) {
+      node->values[i] = v;
+      continue;
+    }
+    const std::string_view text = stringOf(entries[i].value);
+    cursor[0] = static_cast<unsigned char>(text.size());
+    std::memcpy(cursor + 1, text.data(), text.size());
+    node->values[i] = slotOf(reinterpret_cast<const Node*>(cursor), kTagEmbedded);
+    cursor += embeddedSize(text.size());
+    release(v);  // a string node we held alone; an embedded string owns nothing
+  }
   return slotOf(&node->header);
 }
 
@@ -200,7 +231,7 @@ Slot combineRun(Slot old, const Change* changes, std::size_t n, const Combine& c
     release(current);
     current = next;
   }
-  return current;
+  return ownSlot(current);  // a trie keeps no embedded strings
 }
 
 bool sameKeyRun(const Change* b, const Change* e, const Slot* existingKey) {
@@ -237,11 +268,12 @@ TrieNode* collisionUpdate(const TrieNode* t, const Change* begin, const Change* 
   for (const Change* c = begin; c < end; ++c) {
     auto it = std::find_if(out.begin(), out.end(), [&](const Entry& e) { return keysEqual(e.key, c->key); });
     const Slot old = it == out.end() ? kEmpty : it->value;
-    const Slot next = combine(old, c->value);
-    if (next == old) {
-      release(next);
+    const Slot combined = combine(old, c->value);
+    if (combined == old) {
+      release(combined);
       continue;
     }
+    const Slot next = ownSlot(combined);
     changed = true;
     if (it == out.end()) {
       if (next != kEmpty) {
@@ -372,10 +404,7 @@ Slot newHashObject(TrieNode* root, std::uint64_t count) {
   return slotOf(&node->header);
 }
 
-Slot takeNew(Slot /*old*/, Slot value) {
-  retain(value);
-  return value;
-}
+Slot takeNew(Slot /*old*/, Slot value) { return copySlot(value); }
 
 // An object of `entries` (borrowed, distinct keys) in the representation its size calls for.
 Slot objectFromDistinct(const std::vector<Entry>& entries) {
@@ -491,6 +520,14 @@ Object numberObjectOf(Slot s) {
     case Number::Type::Double: return Object::real(n->value.d);
     default: return Object::integer(n->value.i);
   }
+}
+
+Slot ownSlot(Slot s) { return tagOf(s) == kTagEmbedded ? makeString(stringOf(s)) : s; }
+
+Slot copySlot(Slot s) {
+  if (tagOf(s) == kTagEmbedded) return makeString(stringOf(s));
+  retain(s);
+  return s;
 }
 
 KeyProbe::KeyProbe(std::string_view key) : text(key), inlineSlot(key.size() <= 7 ? makeString(key) : kEmpty) {}
@@ -716,6 +753,9 @@ Slot objectUpdate(Slot object, const std::vector<Entry>& changes, const Combine&
 // --- Arrays ---
 
 Slot buildArray(std::vector<Slot>&& ownedItems) {
+  for (Slot& s : ownedItems) {
+    if (tagOf(s) == kTagEmbedded) s = copySlot(s);  // arrays keep no embedded strings
+  }
   std::size_t depth = 0;
   for (Slot s : ownedItems) depth = std::max<std::size_t>(depth, depthOf(s));
   if (depth + 1 > kMaxDepth || ownedItems.size() > UINT32_MAX) {
@@ -736,6 +776,7 @@ Slot buildArray(std::vector<Slot>&& ownedItems) {
 // --- Leaves ---
 
 Slot makeLeaf(LeafKind kind, Slot ownedValue, const Metadata& m) {
+  if (tagOf(ownedValue) == kTagEmbedded) ownedValue = copySlot(ownedValue);
   // A leaf nests one level deeper than its value in the wire form ({"$type": ..., "value": ...}).
   const std::size_t depth = std::size_t{depthOf(ownedValue)} + 1;
   if (depth > kMaxDepth) {
@@ -831,7 +872,8 @@ ValueClass classify(Slot s) {
   switch (tagOf(s)) {
     case kTagInt:
     case kTagDouble: return ValueClass::Number;
-    case kTagShortString: return ValueClass::String;
+    case kTagShortString:
+    case kTagEmbedded: return ValueClass::String;
     case kTagConstant:
       if (s == kNull) return ValueClass::Null;
       return isBooleanSlot(s) ? ValueClass::Boolean : ValueClass::Other;

@@ -11,7 +11,11 @@
 //
 // Objects of up to `kMaxSmallObject` keys store their values in one array next
 // to a shared `Shape` (the key list): objects built from the same kind of
-// record share one shape, so a node holds its values and no keys. Larger
+// record share one shape, so a node holds its values and no keys. Their
+// string values of up to 255 bytes are stored in the same allocation, after
+// the values; such an embedded slot points into its object and owns nothing,
+// so it is copied (`copySlot`) wherever it leaves the object, and builders
+// embed it again when it moves into another small object. Larger
 // objects are persistent hash tries: an update copies only the trie nodes on the
 // paths it changes and keeps every untouched subtree shared.
 //
@@ -53,6 +57,7 @@ enum Tag : unsigned {
   kTagConstant = 4,     // null, false, true, undefined
   kTagAtom = 5,         // an atom without metadata around a pointer value
   kTagRef = 6,          // a reference without metadata, pointing to its path (an array of strings)
+  kTagEmbedded = 7,     // a short string stored inside the small object that holds it (not owned)
 };
 
 inline constexpr Slot kEmpty = 0;  // no value
@@ -178,12 +183,20 @@ struct NumberNode {
 };
 
 Slot makeString(std::string_view text);  // short strings in place, others as a string node
+// An owned copy of a slot: a reference more for nodes, a string node (or an
+// in-place string) for an embedded string, the slot itself for immediates.
+Slot copySlot(Slot s);
+inline constexpr std::size_t kMaxEmbeddedString = 255;
+// `s` itself when it owns what it holds; an owned copy of an embedded string.
+Slot ownSlot(Slot s);
 Slot makeSignedNumber(std::int64_t v);
 Slot makeUnsignedNumber(std::uint64_t v);  // keeps the unsigned type
 Slot makeDoubleNumber(double d);
 Slot makeNumber(const Number& n);  // booleans give a boolean slot
 
-inline bool isStringSlot(Slot s) { return tagOf(s) == kTagShortString || isPlainNode(s, NodeKind::String); }
+inline bool isStringSlot(Slot s) {
+  return tagOf(s) == kTagShortString || tagOf(s) == kTagEmbedded || isPlainNode(s, NodeKind::String);
+}
 inline bool isNumberSlot(Slot s) {
   const unsigned t = tagOf(s);
   return t == kTagInt || t == kTagDouble || isPlainNode(s, NodeKind::Number);
@@ -193,6 +206,10 @@ inline bool isBooleanSlot(Slot s) { return s == kTrue || s == kFalse; }
 inline std::string_view stringOf(const Slot& s) {
   if (tagOf(s) == kTagShortString) {
     return {reinterpret_cast<const char*>(&s) + 1, static_cast<std::size_t>((s >> 3) & 7u)};
+  }
+  if (tagOf(s) == kTagEmbedded) {
+    const auto* p = reinterpret_cast<const unsigned char*>(nodeOf(s));  // a length byte, then the text
+    return {reinterpret_cast<const char*>(p + 1), p[0]};
   }
   return reinterpret_cast<const StringNode*>(nodeOf(s))->text();
 }
@@ -348,8 +365,9 @@ inline Slot emptyObject() {
 }
 
 // The change an update makes at one key: combines the old value (kEmpty when
-// absent) with the change's new value. It answers an owned slot: the old value
-// itself (retained) to keep it, kEmpty to remove the key.
+// absent) with the change's new value. It answers an owned slot (the old value
+// itself, retained, to keep it; kEmpty to remove the key), or a string embedded
+// in one of the two objects, which the update copies as it needs.
 using Combine = std::function<Slot(Slot oldValue, Slot newValue)>;
 // Applies `changes` (borrowed slots) to `object`: for each change, `combine` decides
 // the key's new value. Untouched entries and subtrees stay shared; when nothing
