@@ -402,7 +402,8 @@ Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object&
     builder.reserve(d->size());
     for (const auto& [key, child] : *d) {
       const Slot k = key.isString() ? makeString(key.stringValue()) : makeString(keyText(key));
-      builder.add(k, graphSlotFromAny(child, remaining - 1, defaultExpires, parseTime));
+      builder.add(k, child.isString() ? builder.text(child.stringValue())
+                                      : graphSlotFromAny(child, remaining - 1, defaultExpires, parseTime));
     }
     return builder.build();
   }

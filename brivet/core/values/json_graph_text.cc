@@ -76,7 +76,8 @@ const KeyProbe& valueKey() {
 
 class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, GraphReader> {
  public:
-  GraphReader(const Object& defaultExpires, Date parseTime) : defaultExpires_(defaultExpires), parseTime_(parseTime) {
+  GraphReader(const Object& defaultExpires, Date parseTime)
+      : defaultExpires_(defaultExpires), parseTime_(parseTime), scratchMark_(internal::scratchMark()) {
     frames_.reserve(32);
     entries_.reserve(256);
   }
@@ -90,6 +91,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     for (Frame& f : frames_) internal::release(f.keyInParent);
     internal::release(pendingKey_);
     internal::release(result_);
+    internal::scratchReset(scratchMark_);
   }
 
   bool Null() { return push(internal::kNull); }
@@ -103,7 +105,14 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   }
   bool Double(double d) { return push(internal::makeDoubleNumber(d)); }
   bool String(const char* s, rapidjson::SizeType length, bool) {
-    return push(internal::makeString(std::string_view(s, length)));
+    const std::string_view text(s, length);
+    // Inside a container, a short text waits in the scratch area until its
+    // object is built (arrays copy it out); the scratch is dropped as the
+    // container closes.
+    if (frames_.empty() || text.size() <= 7 || text.size() > internal::kMaxEmbeddedString) {
+      return push(internal::makeString(text));
+    }
+    return push(internal::scratchText(text));
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
     const std::string_view key(s, length);
@@ -126,6 +135,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     } else {
       built = buildGraphObject(f);
     }
+    internal::scratchReset(f.scratchMark);
     pendingKey_ = f.keyInParent;
     return push(built);
   }
@@ -137,8 +147,10 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     items.reserve(entries_.size() - f.start);
     for (std::size_t i = f.start; i < entries_.size(); ++i) items.push_back(entries_[i].value);
     entries_.resize(f.start);
+    const Slot built = internal::buildArray(std::move(items));
+    internal::scratchReset(f.scratchMark);
     pendingKey_ = f.keyInParent;
-    return push(internal::buildArray(std::move(items)));
+    return push(built);
   }
 
   bool failed() const { return tooDeep_ || needsGeneralRoad_; }
@@ -148,13 +160,14 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
  private:
   struct Frame {
     bool isObject;
-    bool valueMode;              // plain JSON below an atom's or error's "value": no "$type" reading
-    std::size_t start;           // first entry of this container
-    Slot keyInParent;            // owned: the key this container sits under
-    bool expectType = false;     // the pending key is "$type"
-    bool keyIsValue = false;     // the pending key is "value"
-    bool typeIsText = false;     // the last "$type" so far was text
-    std::int8_t valueChild = 0;  // how the last container under "value" was built: 1 plain, 2 graph
+    bool valueMode;               // plain JSON below an atom's or error's "value": no "$type" reading
+    std::size_t start;            // first entry of this container
+    Slot keyInParent;             // owned: the key this container sits under
+    bool expectType = false;      // the pending key is "$type"
+    bool keyIsValue = false;      // the pending key is "value"
+    bool typeIsText = false;      // the last "$type" so far was text
+    std::int8_t valueChild = 0;   // how the last container under "value" was built: 1 plain, 2 graph
+    std::size_t scratchMark = 0;  // the scratch area as the container opened
   };
 
   bool enter(bool isObject) {
@@ -180,6 +193,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
       }
     }
     frames_.push_back(Frame{isObject, valueMode, entries_.size(), std::exchange(pendingKey_, internal::kEmpty)});
+    frames_.back().scratchMark = internal::scratchMark();
     return true;
   }
 
@@ -307,6 +321,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool tooDeep_ = false;
   bool needsGeneralRoad_ = false;
   bool topIsContainer_ = false;
+  const std::size_t scratchMark_;
 };
 
 // --- Writing ---

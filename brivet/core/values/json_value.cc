@@ -22,7 +22,7 @@ Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
     builder.reserve(d->size());
     for (const auto& [key, value] : *d) {
       const Slot k = key.isString() ? makeString(key.stringValue()) : makeString(keyText(key));
-      builder.add(k, valueSlotFromAny(value, remaining - 1));
+      builder.add(k, value.isString() ? builder.text(value.stringValue()) : valueSlotFromAny(value, remaining - 1));
     }
     return builder.build();
   }

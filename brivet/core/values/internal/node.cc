@@ -117,6 +117,40 @@ EntryPool& entryPool() {
   return pool;
 }
 
+// Texts waiting to be copied into the object that will hold them: chunks that
+// never move, used as a stack.
+class ScratchArea {
+ public:
+  std::size_t mark() const { return chunk_ * kChunk + offset_; }
+  void reset(std::size_t mark) {
+    chunk_ = mark / kChunk;
+    offset_ = mark % kChunk;
+  }
+  unsigned char* store(std::string_view text) {
+    const std::size_t size = (text.size() + 1 + 7) & ~std::size_t{7};
+    if (offset_ + size > kChunk) {
+      ++chunk_;
+      offset_ = 0;
+    }
+    while (chunks_.size() <= chunk_) chunks_.push_back(std::make_unique<std::uint64_t[]>(kChunk / 8));
+    auto* p = reinterpret_cast<unsigned char*>(chunks_[chunk_].get()) + offset_;
+    p[0] = static_cast<unsigned char>(text.size());
+    std::memcpy(p + 1, text.data(), text.size());
+    offset_ += size;
+    return p;
+  }
+
+ private:
+  static constexpr std::size_t kChunk = 64 * 1024;
+  std::vector<std::unique_ptr<std::uint64_t[]>> chunks_;
+  std::size_t chunk_ = 0;
+  std::size_t offset_ = 0;
+};
+ScratchArea& scratch() {
+  thread_local ScratchArea area;
+  return area;
+}
+
 // --- Small objects ---
 
 // A string value this object can keep in its own allocation: an embedded
@@ -172,16 +206,19 @@ inline std::uint32_t entryCount(const TrieNode* t) {
 }
 
 // Owned entries in; each a key/value or (kEmpty, sub-trie).
-TrieNode* newTrie(NodeKind kind, std::uint32_t bitmap, const std::vector<Entry>& entries) {
-  const std::size_t n = entries.size();
+TrieNode* newTrie(NodeKind kind, std::uint32_t bitmap, const Entry* entries, std::size_t n) {
   const std::size_t bytes = offsetof(TrieNode, entries) + sizeof(Entry) * std::max<std::size_t>(n, 1);
   std::size_t depth = 0;
-  for (const Entry& e : entries) depth = std::max<std::size_t>(depth, depthOf(e.value));
+  for (std::size_t i = 0; i < n; ++i) depth = std::max<std::size_t>(depth, depthOf(entries[i].value));
   auto* t = allocateNode<TrieNode>(bytes, kind, clampDepth(depth));
   t->bitmap = kind == NodeKind::Collision ? static_cast<std::uint32_t>(n) : bitmap;
   t->pad = 0;
   for (std::size_t i = 0; i < n; ++i) t->entries[i] = entries[i];
   return t;
+}
+
+TrieNode* newTrie(NodeKind kind, std::uint32_t bitmap, const std::vector<Entry>& entries) {
+  return newTrie(kind, bitmap, entries.data(), entries.size());
 }
 
 Slot trieFind(const TrieNode* t, const KeyProbe& key, std::uint64_t hash) {
@@ -388,6 +425,53 @@ TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, 
   return newTrie(NodeKind::Trie, bitmap, out);
 }
 
+// A trie of distinct keys sorted by hash (borrowed), built bottom-up.
+TrieNode* buildTrie(const Change* begin, const Change* end, unsigned level) {
+  std::vector<Entry> out;
+  if (level >= kTrieLevels) {
+    for (const Change* c = begin; c < end; ++c) {
+      retain(c->key);
+      out.push_back({c->key, copySlot(c->value)});
+    }
+    return newTrie(NodeKind::Collision, 0, out);
+  }
+  Entry local[32];
+  std::uint32_t n = 0;
+  std::uint32_t bitmap = 0;
+  for (const Change* c = begin; c < end;) {
+    const unsigned chunk = chunkOf(c->hash, level);
+    const Change* runEnd = c + 1;
+    while (runEnd < end && chunkOf(runEnd->hash, level) == chunk) ++runEnd;
+    if (runEnd - c == 1) {
+      retain(c->key);
+      local[n++] = {c->key, copySlot(c->value)};
+    } else {
+      local[n++] = {kEmpty, slotOf(&buildTrie(c, runEnd, level + 1)->header)};
+    }
+    bitmap |= 1u << chunk;
+    c = runEnd;
+  }
+  return newTrie(NodeKind::Trie, bitmap, local, n);
+}
+
+// Sorts by hash and keeps, of equal keys, the last.
+std::vector<Change> distinctSortedChanges(const std::vector<Entry>& entries) {
+  std::vector<Change> changes;
+  changes.reserve(entries.size());
+  for (const Entry& e : entries) changes.push_back({keyHash(stringOf(e.key)), e.key, e.value});
+  std::stable_sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) { return a.hash < b.hash; });
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    bool replacedLater = false;
+    for (std::size_t j = i + 1; j < changes.size() && changes[j].hash == changes[i].hash && !replacedLater; ++j) {
+      replacedLater = keysEqual(changes[j].key, changes[i].key);
+    }
+    if (!replacedLater) changes[kept++] = changes[i];
+  }
+  changes.resize(kept);
+  return changes;
+}
+
 std::vector<Change> sortedChanges(const std::vector<Entry>& entries) {
   std::vector<Change> changes;
   changes.reserve(entries.size());
@@ -414,9 +498,8 @@ Slot objectFromDistinct(const std::vector<Entry>& entries) {
     return newSmallObject(shape, entries.data());
   }
   std::vector<Change> changes = sortedChanges(entries);
-  std::int64_t delta = 0;
-  TrieNode* root = trieUpdate(nullptr, changes.data(), changes.data() + changes.size(), 0, takeNew, delta);
-  return newHashObject(root, static_cast<std::uint64_t>(delta));
+  TrieNode* root = buildTrie(changes.data(), changes.data() + changes.size(), 0);
+  return newHashObject(root, changes.size());
 }
 
 }  // namespace
@@ -573,7 +656,7 @@ std::vector<Entry> objectEntries(Slot object) {
   return entries;
 }
 
-ObjectBuilder::ObjectBuilder() : entries_(entryPool().take()) {}
+ObjectBuilder::ObjectBuilder() : entries_(entryPool().take()), scratchMark_(scratch().mark()) {}
 
 ObjectBuilder::~ObjectBuilder() {
   for (Entry& e : entries_) {
@@ -581,6 +664,18 @@ ObjectBuilder::~ObjectBuilder() {
     release(e.value);
   }
   entryPool().give(std::move(entries_));
+  scratch().reset(scratchMark_);
+}
+
+Slot ObjectBuilder::text(std::string_view value) {
+  if (value.size() <= 7 || value.size() > kMaxEmbeddedString) return makeString(value);
+  return scratchText(value);
+}
+
+std::size_t scratchMark() { return scratch().mark(); }
+void scratchReset(std::size_t mark) { scratch().reset(mark); }
+Slot scratchText(std::string_view text) {
+  return slotOf(reinterpret_cast<const Node*>(scratch().store(text)), kTagEmbedded);
 }
 
 Slot ObjectBuilder::build() {
@@ -607,16 +702,13 @@ Slot ObjectBuilder::build() {
     result = newSmallObject(shape, entries_.data());
     for (Entry& e : entries_) release(e.key);
   } else {
-    std::vector<Change> changes = sortedChanges(entries_);
-    std::int64_t delta = 0;
-    TrieNode* root = trieUpdate(nullptr, changes.data(), changes.data() + changes.size(), 0, takeNew, delta);
-    if (static_cast<std::size_t>(delta) <= kMaxSmallObject) {
+    const std::vector<Change> changes = distinctSortedChanges(entries_);
+    if (changes.size() <= kMaxSmallObject) {
       std::vector<Entry> distinct;
-      trieForEach(root, [&](const Slot& k, const Slot& v) { distinct.push_back({k, v}); });
+      for (const Change& c : changes) distinct.push_back({c.key, c.value});
       result = objectFromDistinct(distinct);
-      release(slotOf(&root->header));
     } else {
-      result = newHashObject(root, static_cast<std::uint64_t>(delta));
+      result = newHashObject(buildTrie(changes.data(), changes.data() + changes.size(), 0), changes.size());
     }
     for (Entry& e : entries_) {
       release(e.key);

@@ -340,6 +340,12 @@ inline const LeafNode* leafOf(Slot s) { return reinterpret_cast<const LeafNode*>
 // the builder adopts). A later entry replaces an earlier one with an equal key.
 // The result is the object slot (owned), or kNull when it would nest deeper
 // than kMaxDepth.
+//
+// `text` makes a string value for this builder without a node of its own: a
+// short text is kept in a per-thread scratch area until `build` copies it into
+// the object. Such a slot is valid only until the builder is destroyed and
+// only as a value given to this builder; builders must nest (a builder made
+// while another lives is destroyed first), as recursive conversions do.
 class ObjectBuilder {
  public:
   ObjectBuilder();
@@ -350,12 +356,20 @@ class ObjectBuilder {
   void reserve(std::size_t n) { entries_.reserve(n); }
   void add(Slot ownedKey, Slot ownedValue) { entries_.push_back({ownedKey, ownedValue}); }
   void add(std::string_view key, Slot ownedValue) { add(makeString(key), ownedValue); }
+  Slot text(std::string_view value);
   std::size_t size() const { return entries_.size(); }
   Slot build();
 
  private:
   std::vector<Entry> entries_;
+  std::size_t scratchMark_;
 };
+
+// The per-thread scratch area behind ObjectBuilder::text (and the text
+// reader): texts are stacked and dropped back to a mark.
+std::size_t scratchMark();
+void scratchReset(std::size_t mark);
+Slot scratchText(std::string_view text);  // an embedded slot in the scratch area
 
 // Builds an array from owned slots; kNull when it would nest too deep.
 Slot buildArray(std::vector<Slot>&& ownedItems);
