@@ -367,41 +367,47 @@ Slot leafWithMetadata(LeafKind kind, Slot ownedValue, Metadata m) {
 }
 }  // namespace
 
+namespace {
+// A dictionary with a text "$type": a wrapped leaf, undefined, or null.
+Slot leafFromDictionary(const Dictionary& d, std::size_t remaining, const Object& defaultExpires, Date parseTime) {
+  const NodeKeys keys = scanNodeKeys(d);
+  if (keys.value == nullptr) return kUndefined;
+  const Object& value = *keys.value;
+  const std::string_view t = keys.type->stringValue();
+  if (t == "atom") {
+    return leafWithMetadata(LeafKind::Atom, valueSlotFromAny(value, remaining - 1),
+                            metadataFromKeys(keys, Object(), parseTime));
+  }
+  if (t == "error") {
+    return leafWithMetadata(LeafKind::Error, valueSlotFromAny(value, remaining - 1),
+                            metadataFromKeys(keys, defaultExpires, parseTime));
+  }
+  if (t == "ref") {
+    if (const Array* path = value.asArray()) {
+      const bool allText = std::all_of(path->begin(), path->end(), [](const Object& e) { return e.isString(); });
+      if (allText && remaining >= 2) {
+        return leafWithMetadata(LeafKind::Ref, valueSlotFromAny(value, remaining - 1),
+                                metadataFromKeys(keys, Object(), parseTime));
+      }
+    }
+  }
+  return kNull;
+}
+}  // namespace
+
 Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object& defaultExpires, Date parseTime) {
   if (const Dictionary* d = object.asDictionary()) {
     if (remaining == 0) return kNull;
-    // Small dictionaries (every leaf) are scanned once; large ones are branches
-    // unless their index finds a "$type".
-    NodeKeys keys;
-    if (d->size() <= 8 || d->contains("$type")) keys = scanNodeKeys(*d);
-    const String* typeText = keys.type != nullptr ? keys.type->asString() : nullptr;
-    if (typeText != nullptr) {
-      if (keys.value == nullptr) return kUndefined;
-      const Object& value = *keys.value;
-      const std::string_view t = typeText->text();
-      if (t == "atom") {
-        return leafWithMetadata(LeafKind::Atom, valueSlotFromAny(value, remaining - 1),
-                                metadataFromKeys(keys, Object(), parseTime));
-      }
-      if (t == "error") {
-        return leafWithMetadata(LeafKind::Error, valueSlotFromAny(value, remaining - 1),
-                                metadataFromKeys(keys, defaultExpires, parseTime));
-      }
-      if (t == "ref") {
-        if (const Array* path = value.asArray()) {
-          const bool allText = std::all_of(path->begin(), path->end(), [](const Object& e) { return e.isString(); });
-          if (allText && remaining >= 2) {
-            return leafWithMetadata(LeafKind::Ref, valueSlotFromAny(value, remaining - 1),
-                                    metadataFromKeys(keys, Object(), parseTime));
-          }
-        }
-      }
-      return kNull;
-    }
+    // One pass builds the branch; a text "$type" (first, in every writer's
+    // output) turns the dictionary into a leaf instead.
     ObjectBuilder builder;
     builder.reserve(d->size());
     for (const auto& [key, child] : *d) {
-      const Slot k = key.isString() ? makeString(key.stringValue()) : makeString(keyText(key));
+      const String* keyString = key.asString();
+      if (keyString != nullptr && child.isString() && keyString->text() == "$type") {
+        return leafFromDictionary(*d, remaining, defaultExpires, parseTime);
+      }
+      const Slot k = keyString != nullptr ? makeString(keyString->text()) : makeString(keyText(key));
       builder.add(k, child.isString() ? builder.text(child.stringValue())
                                       : graphSlotFromAny(child, remaining - 1, defaultExpires, parseTime));
     }

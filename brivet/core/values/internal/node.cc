@@ -254,9 +254,13 @@ void trieForEach(const TrieNode* t, const std::function<void(const Slot&, const 
 
 struct Change {
   std::uint64_t hash;
-  Slot key;    // borrowed
-  Slot value;  // borrowed
+  Slot key;           // borrowed
+  Slot value;         // borrowed
+  std::size_t order;  // position in the input: equal keys apply in this order
 };
+bool byHashThenOrder(const Change& a, const Change& b) {
+  return a.hash != b.hash ? a.hash < b.hash : a.order < b.order;
+}
 
 // Applies changes[0..n), all of one key, one after another to `old` (borrowed).
 // Answers an owned slot (kEmpty: the key is gone).
@@ -458,8 +462,8 @@ TrieNode* buildTrie(const Change* begin, const Change* end, unsigned level) {
 std::vector<Change> distinctSortedChanges(const std::vector<Entry>& entries) {
   std::vector<Change> changes;
   changes.reserve(entries.size());
-  for (const Entry& e : entries) changes.push_back({keyHash(stringOf(e.key)), e.key, e.value});
-  std::stable_sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) { return a.hash < b.hash; });
+  for (const Entry& e : entries) changes.push_back({keyHash(stringOf(e.key)), e.key, e.value, changes.size()});
+  std::sort(changes.begin(), changes.end(), byHashThenOrder);
   std::size_t kept = 0;
   for (std::size_t i = 0; i < changes.size(); ++i) {
     bool replacedLater = false;
@@ -475,8 +479,8 @@ std::vector<Change> distinctSortedChanges(const std::vector<Entry>& entries) {
 std::vector<Change> sortedChanges(const std::vector<Entry>& entries) {
   std::vector<Change> changes;
   changes.reserve(entries.size());
-  for (const Entry& e : entries) changes.push_back({keyHash(stringOf(e.key)), e.key, e.value});
-  std::stable_sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) { return a.hash < b.hash; });
+  for (const Entry& e : entries) changes.push_back({keyHash(stringOf(e.key)), e.key, e.value, changes.size()});
+  std::sort(changes.begin(), changes.end(), byHashThenOrder);
   return changes;
 }
 
