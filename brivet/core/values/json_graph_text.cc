@@ -373,6 +373,7 @@ class GraphWriter {
   }
 
   bool value(Slot s) {
+    s = internal::valueView(s);
     if (internal::isObjectSlot(s)) return object(s, false);
     if (internal::isArraySlot(s)) {
       const internal::ArrayNode* a = internal::arrayOf(s);

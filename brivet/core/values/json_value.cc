@@ -46,6 +46,7 @@ Object primitiveSlotToAny(Slot s) {
 }
 
 Object valueSlotToAny(Slot s) {
+  s = valueView(s);
   if (isObjectSlot(s)) {
     std::vector<Object::Entry> entries;
     entries.reserve(objectSize(s));
@@ -82,6 +83,7 @@ void describePrimitive(Slot s, std::string& out) {
 }
 
 void describeValue(Slot s, std::string& out) {
+  s = valueView(s);
   if (isObjectSlot(s)) {
     if (objectSize(s) == 0) {
       out += "[:]";
@@ -111,6 +113,8 @@ void describeValue(Slot s, std::string& out) {
 }
 
 Slot mergeValues(Slot newValue, Slot oldValue) {
+  newValue = valueView(newValue);
+  oldValue = valueView(oldValue);
   if (!isObjectSlot(newValue) || !isObjectSlot(oldValue)) {
     retain(newValue);
     return newValue;
@@ -229,18 +233,18 @@ std::optional<JSONValue> JSONValue::find(std::string_view key) const {
   if (!isObject()) return std::nullopt;
   const Slot v = internal::objectFind(slot_.get(), key);
   if (v == internal::kEmpty) return std::nullopt;
-  return JSONValue(SlotRef(internal::copySlot(v)));
+  return JSONValue(SlotRef(internal::copySlot(internal::valueView(v))));
 }
 
 JSONValue JSONValue::at(std::size_t index) const {
   BRIVET_PRECONDITION(isArray() && index < size(), "JSONValue::at out of range");
-  return JSONValue(SlotRef(internal::copySlot(internal::arrayOf(slot_.get())->items[index])));
+  return JSONValue(SlotRef(internal::copySlot(internal::valueView(internal::arrayOf(slot_.get())->items[index]))));
 }
 
 void JSONValue::forEach(const std::function<void(std::string_view, const JSONValue&)>& f) const {
   if (!isObject()) return;
   internal::objectForEach(slot_.get(), [&](const Slot& k, const Slot& v) {
-    f(internal::stringOf(k), JSONValue(SlotRef(internal::copySlot(v))));
+    f(internal::stringOf(k), JSONValue(SlotRef(internal::copySlot(internal::valueView(v)))));
   });
 }
 
@@ -255,7 +259,8 @@ std::vector<JSONValue> JSONValue::elements() const {
   if (!isArray()) return out;
   const internal::ArrayNode* a = internal::arrayOf(slot_.get());
   out.reserve(a->count);
-  for (std::uint32_t i = 0; i < a->count; ++i) out.push_back(JSONValue(SlotRef(internal::copySlot(a->items[i]))));
+  for (std::uint32_t i = 0; i < a->count; ++i)
+    out.push_back(JSONValue(SlotRef(internal::copySlot(internal::valueView(a->items[i])))));
   return out;
 }
 

@@ -103,7 +103,10 @@ class JSONValue {
   friend bool operator==(const JSONValue& a, const JSONValue& b);
 
   // The slot (for the library's own containers).
-  static JSONValue fromSlot(internal::SlotRef slot) { return JSONValue(std::move(slot)); }
+  // Takes a value slot; a plain graph node (see internal::isPlain) is one too.
+  static JSONValue fromSlot(internal::SlotRef slot) {
+    return JSONValue(internal::SlotRef(internal::valueView(slot.take())));
+  }
   internal::Slot slot() const { return slot_.get(); }
 
  private:

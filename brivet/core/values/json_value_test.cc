@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -117,6 +119,59 @@ TEST(JSONValueObjectTest, LargeObjectsFindUpdateAndCompare) {
   EXPECT_EQ(*merged.find("key3"), num(33));
   EXPECT_EQ(*merged.find("key4"), num(4));
   EXPECT_EQ(*big.find("key3"), num(3));  // the original is unchanged
+}
+
+TEST(JSONValueObjectTest, LargeObjectUpdatesMatchAModel) {
+  // Sets, removals and no-op changes on an object large enough to take its
+  // updates in an overlay, over enough rounds to fold the overlay several times.
+  std::mt19937 random(5);
+  std::map<std::string, std::int64_t> model;
+  std::vector<std::pair<std::string, JSONValue>> initial;
+  for (int i = 0; i < 5000; ++i) {
+    model["key" + std::to_string(i)] = i;
+    initial.emplace_back("key" + std::to_string(i), num(i));
+  }
+  JSONValue object = obj(initial);
+  for (int round = 0; round < 25; ++round) {
+    std::vector<internal::Entry> changes;
+    std::vector<internal::SlotRef> keep;  // owns the change slots
+    for (int c = 0; c < 300; ++c) {
+      // The change's number says what to do: 0 removes, 1 keeps, more sets it.
+      const std::string key = "key" + std::to_string(random() % 6000);
+      const std::int64_t op = static_cast<std::int64_t>(random() % 4);
+      const std::int64_t v = op < 2 ? op : 2 + static_cast<std::int64_t>(random() % 1000);
+      keep.emplace_back(internal::makeString(key));
+      keep.emplace_back(internal::makeSignedNumber(v));
+      changes.push_back({keep[keep.size() - 2].get(), keep.back().get()});
+      if (v == 0) {
+        model.erase(key);
+      } else if (v >= 2) {
+        model[key] = v;
+      }
+    }
+    object = JSONValue::fromSlot(internal::SlotRef(
+        internal::objectUpdate(object.slot(), changes, [](internal::Slot old, internal::Slot change) -> internal::Slot {
+          const std::int64_t v = internal::intOf(change);
+          if (v == 0) return internal::kEmpty;
+          if (v == 1) {
+            internal::retain(old);
+            return old;
+          }
+          return change;
+        })));
+    ASSERT_EQ(object.size(), model.size()) << "round " << round;
+  }
+  for (const auto& [key, value] : model) ASSERT_EQ(object.find(key), JSONValue(num(value))) << key;
+  EXPECT_FALSE(object.find("key6000").has_value());
+  std::size_t visited = 0;
+  object.forEach([&](std::string_view key, const JSONValue& value) {
+    ++visited;
+    EXPECT_EQ(value, num(model.at(std::string(key))));
+  });
+  EXPECT_EQ(visited, model.size());
+  std::vector<std::pair<std::string, JSONValue>> rebuilt;
+  for (const auto& [key, value] : model) rebuilt.emplace_back(key, num(value));
+  EXPECT_EQ(obj(rebuilt), object);
 }
 
 TEST(JSONValueObjectTest, StringsStoredInAnObjectOutliveIt) {

@@ -179,6 +179,9 @@ Slot newSmallObject(const ShapeNode* shape, const Entry* entries) {
   }
   auto* node = allocateNode<SmallObjectNode>(base + tail, NodeKind::SmallObject, clampDepth(depth + 1));
   node->shape = shape;
+  bool plain = true;
+  for (std::uint32_t i = 0; i < n && plain; ++i) plain = isPlain(entries[i].value);
+  if (plain) node->header.flags |= kFlagPlain;
   auto* cursor = reinterpret_cast<unsigned char*>(node) + base;
   for (std::uint32_t i = 0; i < n; ++i) {
     const Slot v = entries[i].value;
@@ -211,6 +214,9 @@ TrieNode* newTrie(NodeKind kind, std::uint32_t bitmap, const Entry* entries, std
   std::size_t depth = 0;
   for (std::size_t i = 0; i < n; ++i) depth = std::max<std::size_t>(depth, depthOf(entries[i].value));
   auto* t = allocateNode<TrieNode>(bytes, kind, clampDepth(depth));
+  bool plain = true;
+  for (std::size_t i = 0; i < n && plain; ++i) plain = isPlain(entries[i].value);
+  if (plain) t->header.flags |= kFlagPlain;
   t->bitmap = kind == NodeKind::Collision ? static_cast<std::uint32_t>(n) : bitmap;
   t->pad = 0;
   for (std::size_t i = 0; i < n; ++i) t->entries[i] = entries[i];
@@ -240,6 +246,15 @@ Slot trieFind(const TrieNode* t, const KeyProbe& key, std::uint64_t hash) {
   }
 }
 
+}  // namespace
+
+Slot trieLookup(const TrieNode* t, const Slot& key) {
+  const std::string_view text = stringOf(key);
+  return trieFind(t, KeyProbe(text), keyHash(text));
+}
+
+namespace {
+
 void trieForEach(const TrieNode* t, const std::function<void(const Slot&, const Slot&)>& f) {
   const std::uint32_t n = entryCount(t);
   for (std::uint32_t i = 0; i < n; ++i) {
@@ -254,21 +269,23 @@ void trieForEach(const TrieNode* t, const std::function<void(const Slot&, const 
 
 struct Change {
   std::uint64_t hash;
-  Slot key;           // borrowed
-  Slot value;         // borrowed
-  std::size_t order;  // position in the input: equal keys apply in this order
+  Slot key;            // borrowed
+  Slot value;          // borrowed
+  std::size_t order;   // position in the input: equal keys apply in this order
+  Slot base = kEmpty;  // overlay updates: the key's value in the base (borrowed)
 };
+using ChangeCombine = std::function<Slot(Slot old, const Change& change)>;
 bool byHashThenOrder(const Change& a, const Change& b) {
   return a.hash != b.hash ? a.hash < b.hash : a.order < b.order;
 }
 
 // Applies changes[0..n), all of one key, one after another to `old` (borrowed).
 // Answers an owned slot (kEmpty: the key is gone).
-Slot combineRun(Slot old, const Change* changes, std::size_t n, const Combine& combine) {
+Slot combineRun(Slot old, const Change* changes, std::size_t n, const ChangeCombine& combine) {
   retain(old);
   Slot current = old;
   for (std::size_t i = 0; i < n; ++i) {
-    Slot next = combine(current, changes[i].value);
+    Slot next = combine(current, changes[i]);
     release(current);
     current = next;
   }
@@ -282,8 +299,8 @@ bool sameKeyRun(const Change* b, const Change* e, const Slot* existingKey) {
   return existingKey == nullptr || keysEqual(*existingKey, b->key);
 }
 
-TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, unsigned level, const Combine& combine,
-                     std::int64_t& delta);
+TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, unsigned level,
+                     const ChangeCombine& combine, std::int64_t& delta);
 
 // A trie one level down holding only `e` (retained), for a key that now shares its prefix.
 TrieNode* pushDown(const Entry& e, unsigned level) {
@@ -294,7 +311,7 @@ TrieNode* pushDown(const Entry& e, unsigned level) {
   return newTrie(NodeKind::Trie, 1u << chunkOf(h, level), {e});
 }
 
-TrieNode* collisionUpdate(const TrieNode* t, const Change* begin, const Change* end, const Combine& combine,
+TrieNode* collisionUpdate(const TrieNode* t, const Change* begin, const Change* end, const ChangeCombine& combine,
                           std::int64_t& delta) {
   std::vector<Entry> out;
   bool changed = false;
@@ -309,7 +326,7 @@ TrieNode* collisionUpdate(const TrieNode* t, const Change* begin, const Change* 
   for (const Change* c = begin; c < end; ++c) {
     auto it = std::find_if(out.begin(), out.end(), [&](const Entry& e) { return keysEqual(e.key, c->key); });
     const Slot old = it == out.end() ? kEmpty : it->value;
-    const Slot combined = combine(old, c->value);
+    const Slot combined = combine(old, *c);
     if (combined == old) {
       release(combined);
       continue;
@@ -346,8 +363,8 @@ TrieNode* collisionUpdate(const TrieNode* t, const Change* begin, const Change* 
 
 // Changes are sorted by hash (equal keys in their original order). Answers the
 // updated trie (owned; `t` itself, retained, when nothing changed; nullptr when empty).
-TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, unsigned level, const Combine& combine,
-                     std::int64_t& delta) {
+TrieNode* trieUpdate(const TrieNode* t, const Change* begin, const Change* end, unsigned level,
+                     const ChangeCombine& combine, std::int64_t& delta) {
   if (level >= kTrieLevels || (t != nullptr && t->header.kind == NodeKind::Collision)) {
     return collisionUpdate(t, begin, end, combine, delta);
   }
@@ -487,12 +504,15 @@ std::vector<Change> sortedChanges(const std::vector<Entry>& entries) {
 Slot newHashObject(TrieNode* root, std::uint64_t count) {
   auto* node = allocateNode<HashObjectNode>(sizeof(HashObjectNode), NodeKind::HashObject,
                                             clampDepth(std::size_t{root->header.depth} + 1));
+  node->header.flags = root->header.flags & kFlagPlain;
   node->count = count;
   node->root = root;
+  node->overlay = nullptr;
+  node->overlayCount = 0;
   return slotOf(&node->header);
 }
 
-Slot takeNew(Slot /*old*/, Slot value) { return copySlot(value); }
+Slot takeNew(Slot /*old*/, const Change& c) { return copySlot(c.value); }
 
 // An object of `entries` (borrowed, distinct keys) in the representation its size calls for.
 Slot objectFromDistinct(const std::vector<Entry>& entries) {
@@ -609,6 +629,25 @@ Object numberObjectOf(Slot s) {
   }
 }
 
+bool isPlain(Slot s) {
+  switch (tagOf(s)) {
+    case kTagRef: return false;
+    case kTagConstant: return s != kUndefined;
+    case kTagAtom:
+    case kTagPointer: {
+      if (s == kEmpty) return false;
+      const Node* n = nodeOf(s);
+      switch (n->kind) {
+        case NodeKind::String:
+        case NodeKind::Number: return true;
+        case NodeKind::Leaf: return false;
+        default: return (n->flags & kFlagPlain) != 0;
+      }
+    }
+    default: return true;
+  }
+}
+
 Slot ownSlot(Slot s) { return tagOf(s) == kTagEmbedded ? makeString(stringOf(s)) : s; }
 
 Slot copySlot(Slot s) {
@@ -640,18 +679,15 @@ Slot objectFind(Slot object, const KeyProbe& key) {
     return kEmpty;
   }
   const auto* h = reinterpret_cast<const HashObjectNode*>(n);
-  return trieFind(h->root, key, keyHash(key.text));
+  const std::uint64_t hash = keyHash(key.text);
+  if (h->overlay != nullptr) {
+    const Slot v = trieFind(h->overlay, key, hash);
+    if (v != kEmpty) return v == kTombstone ? kEmpty : v;
+  }
+  return trieFind(h->root, key, hash);
 }
 
-void objectForEach(Slot object, const std::function<void(const Slot&, const Slot&)>& f) {
-  const Node* n = nodeOf(object);
-  if (n->kind == NodeKind::SmallObject) {
-    const auto* o = reinterpret_cast<const SmallObjectNode*>(n);
-    for (std::uint32_t i = 0; i < o->shape->count; ++i) f(o->shape->keys[i], o->values[i]);
-    return;
-  }
-  trieForEach(reinterpret_cast<const HashObjectNode*>(n)->root, f);
-}
+void objectForEach(Slot object, const std::function<void(const Slot&, const Slot&)>& f) { forEachEntry(object, f); }
 
 std::vector<Entry> objectEntries(Slot object) {
   std::vector<Entry> entries;
@@ -723,17 +759,97 @@ Slot ObjectBuilder::build() {
   return result;
 }
 
+namespace {
+
+constexpr std::uint64_t kOverlayMinimum = 4096;
+
+Slot smallOrHashObject(TrieNode* root, std::uint64_t count) {
+  if (root == nullptr) return emptyObject();
+  if (count > kMaxSmallObject) return newHashObject(root, count);
+  std::vector<Entry> distinct;
+  trieForEach(root, [&](const Slot& k, const Slot& v) { distinct.push_back({k, v}); });
+  const Slot result = objectFromDistinct(distinct);
+  release(slotOf(&root->header));
+  return result;
+}
+
+// An update of a large object: the changes go to its overlay and the base is
+// only read. An overlay larger than an eighth of the object is folded into a
+// new base, which copies each base trie node it touches once.
+Slot overlayUpdate(Slot object, const HashObjectNode* h, const std::vector<Entry>& changes, const Combine& combine) {
+  std::vector<Change> sorted = sortedChanges(changes);
+  for (Change& c : sorted) c.base = trieFind(h->root, KeyProbe(stringOf(c.key)), c.hash);
+  std::int64_t countDelta = 0;
+  const ChangeCombine inOverlay = [&](Slot current, const Change& c) -> Slot {
+    // `current` is the overlay's slot for the key: kEmpty when the base decides.
+    const Slot old = current == kEmpty ? c.base : (current == kTombstone ? kEmpty : current);
+    const Slot next = ownSlot(combine(old, c.value));
+    if (next == old) {
+      release(next);
+      retain(current);
+      return current;
+    }
+    countDelta += (next != kEmpty ? 1 : 0) - (old != kEmpty ? 1 : 0);
+    if (next == kEmpty) return c.base != kEmpty ? kTombstone : kEmpty;
+    return next;
+  };
+  std::int64_t overlayDelta = 0;
+  TrieNode* overlay = trieUpdate(h->overlay, sorted.data(), sorted.data() + sorted.size(), 0, inOverlay, overlayDelta);
+  if (overlay == h->overlay) {
+    if (overlay != nullptr) release(slotOf(&overlay->header));
+    retain(object);
+    return object;
+  }
+  const std::uint64_t count = static_cast<std::uint64_t>(static_cast<std::int64_t>(h->count) + countDelta);
+  const std::uint64_t overlayCount =
+      static_cast<std::uint64_t>(static_cast<std::int64_t>(h->overlayCount) + overlayDelta);
+  if (overlay != nullptr && std::size_t{overlay->header.depth} + 1 > kMaxDepth) {
+    release(slotOf(&overlay->header));
+    retain(object);
+    return object;
+  }
+  if (overlay == nullptr) {
+    retain(slotOf(&h->root->header));
+    return smallOrHashObject(h->root, count);
+  }
+  if (count > kMaxSmallObject && overlayCount <= count / 8) {
+    auto* node = allocateNode<HashObjectNode>(
+        sizeof(HashObjectNode), NodeKind::HashObject,
+        clampDepth(std::size_t{std::max(h->root->header.depth, overlay->header.depth)} + 1));
+    node->count = count;
+    node->root = h->root;
+    retain(slotOf(&h->root->header));
+    node->overlay = overlay;
+    node->overlayCount = overlayCount;
+    node->header.flags = h->root->header.flags & overlay->header.flags & kFlagPlain;
+    return slotOf(&node->header);
+  }
+  std::vector<Entry> folded;
+  trieForEach(overlay, [&](const Slot& k, const Slot& v) { folded.push_back({k, v}); });
+  std::vector<Change> fold = sortedChanges(folded);
+  std::int64_t baseDelta = 0;
+  TrieNode* base = trieUpdate(
+      h->root, fold.data(), fold.data() + fold.size(), 0,
+      [](Slot, const Change& c) { return c.value == kTombstone ? kEmpty : copySlot(c.value); }, baseDelta);
+  release(slotOf(&overlay->header));
+  return smallOrHashObject(base, count);
+}
+
+}  // namespace
+
 Slot objectUpdate(Slot object, const std::vector<Entry>& changes, const Combine& combine) {
   const Node* n = nodeOf(object);
   if (changes.empty()) {
     retain(object);
     return object;
   }
+  const ChangeCombine byValue = [&combine](Slot old, const Change& c) { return combine(old, c.value); };
   if (n->kind == NodeKind::HashObject) {
     const auto* h = reinterpret_cast<const HashObjectNode*>(n);
+    if (h->overlay != nullptr || h->count >= kOverlayMinimum) return overlayUpdate(object, h, changes, combine);
     std::vector<Change> sorted = sortedChanges(changes);
     std::int64_t delta = 0;
-    TrieNode* root = trieUpdate(h->root, sorted.data(), sorted.data() + sorted.size(), 0, combine, delta);
+    TrieNode* root = trieUpdate(h->root, sorted.data(), sorted.data() + sorted.size(), 0, byValue, delta);
     if (root == h->root) {
       release(slotOf(&root->header));
       retain(object);
@@ -775,7 +891,7 @@ Slot objectUpdate(Slot object, const std::vector<Entry>& changes, const Combine&
     for (Entry& e : out) release(e.value);
     sorted = sortedChanges(changes);
     std::int64_t delta2 = 0;
-    TrieNode* updated = trieUpdate(root, sorted.data(), sorted.data() + sorted.size(), 0, combine, delta2);
+    TrieNode* updated = trieUpdate(root, sorted.data(), sorted.data() + sorted.size(), 0, byValue, delta2);
     release(slotOf(&root->header));
     if (updated == root) {
       release(slotOf(&updated->header));
@@ -862,6 +978,9 @@ Slot buildArray(std::vector<Slot>&& ownedItems) {
   const std::size_t n = ownedItems.size();
   const std::size_t bytes = offsetof(ArrayNode, items) + sizeof(Slot) * std::max<std::size_t>(n, 1);
   auto* node = allocateNode<ArrayNode>(bytes, NodeKind::Array, clampDepth(depth + 1));
+  bool plain = true;
+  for (std::size_t i = 0; i < n && plain; ++i) plain = isPlain(ownedItems[i]);
+  if (plain) node->header.flags |= kFlagPlain;
   node->count = static_cast<std::uint32_t>(n);
   node->pad = 0;
   for (std::size_t i = 0; i < n; ++i) node->items[i] = ownedItems[i];
@@ -932,7 +1051,12 @@ void destroyNode(Node* n) {
       release(slotOf(&o->shape->header));
       break;
     }
-    case NodeKind::HashObject: release(slotOf(&reinterpret_cast<HashObjectNode*>(n)->root->header)); break;
+    case NodeKind::HashObject: {
+      auto* h = reinterpret_cast<HashObjectNode*>(n);
+      release(slotOf(&h->root->header));
+      if (h->overlay != nullptr) release(slotOf(&h->overlay->header));
+      break;
+    }
     case NodeKind::Trie:
     case NodeKind::Collision: {
       auto* t = reinterpret_cast<TrieNode*>(n);
@@ -1032,9 +1156,12 @@ bool objectsEqual(Slot a, Slot b, SlotEqual eq) {
       return true;
     }
   } else if (na->kind == NodeKind::HashObject && nb->kind == NodeKind::HashObject) {
-    const int r = trieEqual(reinterpret_cast<const HashObjectNode*>(na)->root,
-                            reinterpret_cast<const HashObjectNode*>(nb)->root, eq);
-    if (r >= 0) return r == 1;
+    const auto* x = reinterpret_cast<const HashObjectNode*>(na);
+    const auto* y = reinterpret_cast<const HashObjectNode*>(nb);
+    if (x->overlay == nullptr && y->overlay == nullptr) {
+      const int r = trieEqual(x->root, y->root, eq);
+      if (r >= 0) return r == 1;
+    }
   }
   bool equal = true;
   objectForEach(a, [&](const Slot& k, const Slot& v) {
@@ -1104,6 +1231,8 @@ bool metadataEqual(const Metadata& a, const Metadata& b) {
 }  // namespace
 
 bool valueEqual(Slot a, Slot b) {
+  a = valueView(a);
+  b = valueView(b);
   if (a == b) return true;
   const ValueClass c = classify(a);
   if (c != classify(b)) return false;

@@ -111,6 +111,15 @@ inline void release(Slot s) {
     if (n->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) destroyNode(n);
   }
 }
+// A container whose every value reads as plain JSON (no reference, error,
+// undefined, or leaf with metadata below it; metadata-free atoms read as their
+// value) carries this flag: a read that wants such a node as a JSON value can
+// share it instead of copying.
+inline constexpr std::uint8_t kFlagPlain = 1;
+// In a JSON value context a metadata-free atom reads as the value it wraps.
+inline Slot valueView(Slot s) { return tagOf(s) == kTagAtom ? (s & ~Slot{7}) : s; }
+bool isPlain(Slot s);
+
 inline std::uint16_t depthOf(Slot s) {
   return holdsNode(s) && nodeOf(s)->kind != NodeKind::String ? nodeOf(s)->depth : 0;
 }
@@ -263,11 +272,20 @@ struct TrieNode {
   Entry entries[1];  // a sub-trie has key kEmpty and its node in `value`
   std::uint32_t count() const { return header.kind == NodeKind::Collision ? bitmap : popcount32(bitmap); }
 };
+// A large object: a base trie and, once it is large, an overlay trie of the
+// changes made since the base was last rebuilt (removed keys hold kTombstone).
+// An update writes to the overlay only, so it never copies the base; the
+// overlay is folded into a new base when it passes an eighth of the object.
 struct HashObjectNode {
   Node header;
-  std::uint64_t count;
+  std::uint64_t count;  // entries the object has
   TrieNode* root;
+  TrieNode* overlay;  // nullptr when there is none
+  std::uint64_t overlayCount;
 };
+inline constexpr Slot kTombstone = (4u << 3) | kTagConstant;  // only ever inside an overlay
+// The value under `key` in one trie (borrowed), or kEmpty.
+Slot trieLookup(const TrieNode* t, const Slot& key);
 struct ArrayNode {
   Node header;
   std::uint32_t count;
@@ -326,7 +344,19 @@ void forEachEntry(Slot object, F&& f) {
     for (std::uint32_t i = 0; i < o->shape->count; ++i) f(o->shape->keys[i], o->values[i]);
     return;
   }
-  forEachTrieEntry(reinterpret_cast<const HashObjectNode*>(n)->root, f);
+  const auto* h = reinterpret_cast<const HashObjectNode*>(n);
+  if (h->overlay == nullptr) {
+    forEachTrieEntry(h->root, f);
+    return;
+  }
+  auto changed = [&](const Slot& k, const Slot& v) {
+    if (v != kTombstone) f(k, v);
+  };
+  forEachTrieEntry(h->overlay, changed);
+  auto unchanged = [&](const Slot& k, const Slot& v) {
+    if (trieLookup(h->overlay, k) == kEmpty) f(k, v);
+  };
+  forEachTrieEntry(h->root, unchanged);
 }
 
 inline bool isObjectSlot(Slot s) {
