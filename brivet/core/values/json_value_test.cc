@@ -172,6 +172,15 @@ TEST(JSONValueObjectTest, LargeObjectUpdatesMatchAModel) {
   std::vector<std::pair<std::string, JSONValue>> rebuilt;
   for (const auto& [key, value] : model) rebuilt.emplace_back(key, num(value));
   EXPECT_EQ(obj(rebuilt), object);
+  // Versions that share a base compare through their overlays.
+  const std::string some = model.begin()->first;
+  const JSONValue sameValue =
+      JSONValue::merge(obj({{some, JSONPrimitive::real(static_cast<double>(model.begin()->second))}}), object);
+  EXPECT_EQ(sameValue, object);
+  const JSONValue changed = JSONValue::merge(obj({{some, str("changed")}}), object);
+  EXPECT_NE(changed, object);
+  EXPECT_NE(changed, sameValue);
+  EXPECT_NE(JSONValue::merge(obj({{"brand new", num(1)}}), object), object);
 }
 
 TEST(JSONValueObjectTest, StringsStoredInAnObjectOutliveIt) {

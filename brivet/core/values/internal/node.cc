@@ -1161,6 +1161,19 @@ bool objectsEqual(Slot a, Slot b, SlotEqual eq) {
     if (x->overlay == nullptr && y->overlay == nullptr) {
       const int r = trieEqual(x->root, y->root, eq);
       if (r >= 0) return r == 1;
+    } else if (x->root == y->root) {
+      // Two versions of one base: only keys in an overlay can differ.
+      bool equal = true;
+      auto check = [&](const Slot& k, const Slot&) {
+        if (!equal) return;
+        const KeyProbe probe(stringOf(k));
+        const Slot va = objectFind(a, probe);
+        const Slot vb = objectFind(b, probe);
+        equal = va == kEmpty ? vb == kEmpty : (vb != kEmpty && eq(va, vb));
+      };
+      if (x->overlay != nullptr) forEachTrieEntry(x->overlay, check);
+      if (y->overlay != nullptr) forEachTrieEntry(y->overlay, check);
+      return equal;
     }
   }
   bool equal = true;
