@@ -415,8 +415,15 @@ Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object&
   }
   if (const Array* a = object.asArray()) {
     if (remaining == 0) return kNull;
+    const std::size_t n = a->size();
+    if (n <= 8) {
+      Slot items[8];
+      for (std::size_t i = 0; i < n; ++i)
+        items[i] = graphSlotFromAny((*a)[i], remaining - 1, defaultExpires, parseTime);
+      return buildArray(items, n);
+    }
     std::vector<Slot> items;
-    items.reserve(a->size());
+    items.reserve(n);
     for (const Object& e : *a) items.push_back(graphSlotFromAny(e, remaining - 1, defaultExpires, parseTime));
     return buildArray(std::move(items));
   }

@@ -28,8 +28,14 @@ Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
   }
   if (const Array* a = object.asArray()) {
     if (remaining == 0) return kNull;
+    const std::size_t n = a->size();
+    if (n <= 8) {  // short arrays (every reference path) need no buffer of their own
+      Slot items[8];
+      for (std::size_t i = 0; i < n; ++i) items[i] = valueSlotFromAny((*a)[i], remaining - 1);
+      return buildArray(items, n);
+    }
     std::vector<Slot> items;
-    items.reserve(a->size());
+    items.reserve(n);
     for (const Object& e : *a) items.push_back(valueSlotFromAny(e, remaining - 1));
     return buildArray(std::move(items));
   }

@@ -965,17 +965,21 @@ Slot objectUpdate(Slot object, const std::vector<Entry>& changes, const Combine&
 // --- Arrays ---
 
 Slot buildArray(std::vector<Slot>&& ownedItems) {
-  for (Slot& s : ownedItems) {
-    if (tagOf(s) == kTagEmbedded) s = copySlot(s);  // arrays keep no embedded strings
+  const Slot result = buildArray(ownedItems.data(), ownedItems.size());
+  ownedItems.clear();
+  return result;
+}
+
+Slot buildArray(Slot* ownedItems, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i) {
+    if (tagOf(ownedItems[i]) == kTagEmbedded) ownedItems[i] = copySlot(ownedItems[i]);  // arrays keep none
   }
   std::size_t depth = 0;
-  for (Slot s : ownedItems) depth = std::max<std::size_t>(depth, depthOf(s));
-  if (depth + 1 > kMaxDepth || ownedItems.size() > UINT32_MAX) {
-    for (Slot s : ownedItems) release(s);
-    ownedItems.clear();
+  for (std::size_t i = 0; i < n; ++i) depth = std::max<std::size_t>(depth, depthOf(ownedItems[i]));
+  if (depth + 1 > kMaxDepth || n > UINT32_MAX) {
+    for (std::size_t i = 0; i < n; ++i) release(ownedItems[i]);
     return kNull;
   }
-  const std::size_t n = ownedItems.size();
   const std::size_t bytes = offsetof(ArrayNode, items) + sizeof(Slot) * std::max<std::size_t>(n, 1);
   auto* node = allocateNode<ArrayNode>(bytes, NodeKind::Array, clampDepth(depth + 1));
   bool plain = true;
@@ -984,7 +988,6 @@ Slot buildArray(std::vector<Slot>&& ownedItems) {
   node->count = static_cast<std::uint32_t>(n);
   node->pad = 0;
   for (std::size_t i = 0; i < n; ++i) node->items[i] = ownedItems[i];
-  ownedItems.clear();
   return slotOf(&node->header);
 }
 

@@ -403,6 +403,7 @@ Slot scratchText(std::string_view text);  // an embedded slot in the scratch are
 
 // Builds an array from owned slots; kNull when it would nest too deep.
 Slot buildArray(std::vector<Slot>&& ownedItems);
+Slot buildArray(Slot* ownedItems, std::size_t count);  // the same from a buffer (left empty)
 inline Slot emptyObject() {
   ObjectBuilder b;
   return b.build();
