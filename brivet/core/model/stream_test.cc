@@ -108,6 +108,24 @@ TEST_F(StreamTest, CancelAfterTheStreamIsGoneDoesNothing) {
   EXPECT_EQ(cancels_, 0);
 }
 
+TEST_F(StreamTest, TwoSubscriptionsShareTheOneFlag) {
+  // Each subscription runs the task; the first terminal event silences both.
+  std::atomic<int> runs{0};
+  auto stream = IntStream::create(
+      [&runs](IntStream::Observer observer) {
+        const int run = ++runs;
+        observer(BrivetResult<int>::progress(run));
+        if (run == 1) observer(BrivetResult<int>::complete());
+      },
+      [this] { ++cancels_; });
+  stream->subscribe(recorder());
+  stream->subscribe(recorder());
+  ASSERT_TRUE(waitFor([&] { return runs == 2; }));
+  settle();
+  EXPECT_EQ(events_, (std::vector<std::string>{"PROGRESS: <value>", "COMPLETE"}));
+  EXPECT_EQ(cancels_, 1);
+}
+
 TEST_F(StreamTest, EventsArriveOnTheObserveQueue) {
   auto queue = DispatchQueue::serial("observe");
   std::atomic<bool> onQueue{false};
@@ -186,6 +204,27 @@ TEST_F(TovStreamTest, DictionariesWithTheirContext) {
   EXPECT_EQ(dictionaries_[2]["context"].stringValue(), "mine");
   ASSERT_EQ(completions_.size(), 1u);
   EXPECT_FALSE(completions_[0].has_value());
+}
+
+TEST_F(TovStreamTest, ProgressOfOtherValuesIsDropped) {
+  std::vector<Object> delivered;
+  bool done = false;
+  auto stream = Stream<int>::create(
+      [](Stream<int>::Observer observer) {
+        observer(BrivetResult<int>::progress(1));
+        observer(BrivetResult<int>::failure(Error("App", 7)));
+      },
+      nullptr);
+  std::optional<Error> failure;
+  TovStream<int>(stream).subscribeWithProgressBlock([&](const Object& d) { delivered.push_back(d); },
+                                                    [&](const std::optional<Error>& e) {
+                                                      failure = e;
+                                                      done = true;
+                                                    });
+  ASSERT_TRUE(waitFor([&] { return done; }));
+  EXPECT_TRUE(delivered.empty());
+  ASSERT_TRUE(failure.has_value());
+  EXPECT_EQ(failure->domain(), "App");  // a platform error passes through as it is
 }
 
 TEST_F(TovStreamTest, FailuresReachTheCompletionAsPlatformErrors) {

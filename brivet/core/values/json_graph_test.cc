@@ -181,6 +181,50 @@ TEST(JSONGraphTextTest, WritingMatchesConvertThenWrite) {
   EXPECT_FALSE(infinite.toJSONText().ok());
 }
 
+TEST(JSONGraphTextTest, StringsOfEveryLengthOutliveTheText) {
+  // Short strings wait in a scratch area until their object is built, in
+  // objects, arrays, leaf values and reference paths alike.
+  std::string text = "{";
+  for (int n = 0; n <= 300; n += 13) {
+    const std::string s(static_cast<std::size_t>(n), static_cast<char>('a' + n % 26));
+    text += "\"k" + std::to_string(n) + std::string(static_cast<std::size_t>(n % 20), 'x') + "\":{\"plain\":\"" + s +
+            "\",\"list\":[\"" + s + "\",\"" + s + "\"],\"atom\":{\"$type\":\"atom\",\"value\":\"" + s +
+            "\"},\"ref\":{\"$type\":\"ref\",\"value\":[\"" + s + "\",\"tail\"]}},";
+  }
+  text.back() = '}';
+  std::optional<JSONGraph> g;
+  {
+    const std::string copy = text;
+    g = JSONGraph::fromJSONText(copy).value();
+  }
+  EXPECT_EQ(*g, JSONGraph::fromAny(parseJSON(text).value()));
+  const JSONGraph k260 = *g->find("k260" + std::string(0, 'x'));
+  EXPECT_EQ(k260.find("plain")->leaf().primitive().stringValue(), std::string(260, 'a'));
+  EXPECT_EQ(k260.find("list")->at(1).leaf().primitive().stringValue(), std::string(260, 'a'));
+  EXPECT_EQ(k260.find("ref")->leaf().path()[0], std::string(260, 'a'));
+  EXPECT_EQ(g->toJSONText().value(), writeJSON(g->toAnyType()).value());
+}
+
+TEST(JSONGraphPlainTest, PlainBranchesReadAsJSONValues) {
+  const Object video = testing::catalogueVideo(3, testing::Dialect::Core);
+  const JSONGraph g = JSONGraph::fromAny(video);
+  ASSERT_TRUE(internal::isPlain(g.slot()));
+  // Read as a JSON value, the atom is its value.
+  const JSONValue asValue = JSONValue::fromSlot(internal::SlotRef::retained(g.slot()));
+  Object expected = video.mutableCopy();
+  expected.setValueForKey(video["boxart"]["value"], "boxart");
+  EXPECT_EQ(asValue, JSONValue::fromAny(expected));
+  EXPECT_TRUE(asValue.toAnyType().isEqual(expected));
+  EXPECT_EQ(asValue.find("boxart")->find("w"), JSONValue(JSONPrimitive::integer(150)));
+  EXPECT_EQ(writeJSON(asValue.toAnyType()).value(), writeJSON(expected).value());
+  // A reference, an error or an atom with metadata below a branch makes it not plain.
+  for (const char* leaf : {R"({"$type":"ref","value":["a"]})", R"({"$type":"error","value":1})",
+                           R"({"$type":"atom","value":1,"$expires":1})", R"({"$type":"atom"})"}) {
+    const JSONGraph branch = JSONGraph::fromJSONText(std::string(R"({"x":{"y":)") + leaf + "}}").value();
+    EXPECT_FALSE(internal::isPlain(branch.slot())) << leaf;
+  }
+}
+
 // --- Round trips of generated documents ---
 
 class GraphGenerator {

@@ -206,6 +206,18 @@ TEST(BrivetErrorTest, PlatformErrorCarriesDomainAndCaseOnly) {
   EXPECT_EQ((PathBoundError{{"p"}, JSONPrimitive::integer(1)}), (PathBoundError{{"p"}, JSONPrimitive::real(1.0)}));
 }
 
+TEST(BrivetErrorTest, DescriptionsNameTheCaseAndReason) {
+  EXPECT_EQ(BrivetError::invalidAttempt().description(), "invalidAttempt");
+  EXPECT_EQ(BrivetError::responseDataSourceFailed(Reason::httpClientNil()).description(),
+            "responseDataSourceFailed(reason: httpClientNil)");
+  EXPECT_EQ(BrivetError::responseDataSourceFailed(Reason::badRequest("E1", "bad")).description(),
+            "responseDataSourceFailed(reason: badRequest(code: \"E1\", message: \"bad\"))");
+  EXPECT_EQ(BrivetError::responseModelFailed(BrivetError::ModelFailureReason::deserializationFailed).description(),
+            "responseModelFailed(reason: deserializationFailed)");
+  EXPECT_EQ(pathErrors({"a", "b"}).description(),
+            "responseJSONGraphFailed(reason: pathBoundErrors([PathBoundError(path: [\"a\", \"b\"], value: 1)]))");
+}
+
 TEST(BrivetErrorTest, ReasonsFromErrorBodies) {
   auto read = [](const char* json) { return Reason::fromErrorBody(parseJSON(json).value()); };
   EXPECT_EQ(read(R"({"code": "E1", "message": "bad", "error": {"message": "x"}})"), Reason::badRequest("E1", "bad"));
