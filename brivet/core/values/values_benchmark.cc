@@ -208,6 +208,34 @@ void BM_ProbeReadWalk(benchmark::State& state) {
                                                  benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK_TEMPLATE(BM_ProbeReadWalk, false)->Arg(100000)->Unit(benchmark::kMicrosecond);
+
+// The lookups of that walk alone (reference, video, five fields), no result.
+void BM_ProbeReadLookups(benchmark::State& state) {
+  const std::size_t n = 1000;
+  const JSONGraph g = catalogueGraph(static_cast<std::size_t>(state.range(0)), n);
+  const internal::KeyProbe fieldProbes[] = {internal::KeyProbe("title"), internal::KeyProbe("rating"),
+                                            internal::KeyProbe("year"), internal::KeyProbe("genre"),
+                                            internal::KeyProbe("boxart")};
+  for (auto _ : state) {
+    const Slot root = g.slot();
+    const Slot top = internal::objectFind(internal::objectFind(root, "lists"), "top");
+    char key[24];
+    Slot sink = 0;
+    for (std::size_t k = 0; k < n; ++k) {
+      const auto len = static_cast<std::size_t>(std::to_chars(key, key + sizeof key, k).ptr - key);
+      const Slot ref = internal::objectFind(top, std::string_view(key, len));
+      const internal::ArrayNode* path = internal::arrayOf(ref & ~Slot{7});
+      Slot node = root;
+      for (std::uint32_t i = 0; i < path->count; ++i)
+        node = internal::objectFind(node, internal::stringOf(path->items[i]));
+      for (const auto& probe : fieldProbes) sink ^= internal::objectFind(node, probe);
+    }
+    benchmark::DoNotOptimize(sink);
+  }
+  state.counters["ns/leaf"] = benchmark::Counter(static_cast<double>(state.iterations()) * n * kLeavesPerVideo,
+                                                 benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_ProbeReadLookups)->Arg(100000)->Unit(benchmark::kMicrosecond);
 BENCHMARK_TEMPLATE(BM_ProbeReadWalk, true)->Arg(100000)->Unit(benchmark::kMicrosecond);
 
 // The merge of the response's 1,000 new videos into a "videos" branch holding
