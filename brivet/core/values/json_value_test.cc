@@ -183,6 +183,75 @@ TEST(JSONValueObjectTest, LargeObjectUpdatesMatchAModel) {
   EXPECT_NE(JSONValue::merge(obj({{"brand new", num(1)}}), object), object);
 }
 
+// The update primitive the cache merges and invalidates with.
+class ObjectUpdateTest : public ::testing::Test {
+ protected:
+  // Applies `ops` (key, number) with: 0 removes, 1 keeps, anything else sets.
+  static JSONValue update(const JSONValue& object, const std::vector<std::pair<std::string, std::int64_t>>& ops) {
+    std::vector<internal::SlotRef> owned;
+    std::vector<internal::Entry> changes;
+    for (const auto& [key, v] : ops) {
+      owned.emplace_back(internal::makeString(key));
+      owned.emplace_back(internal::makeSignedNumber(v));
+      changes.push_back({owned[owned.size() - 2].get(), owned.back().get()});
+    }
+    return JSONValue::fromSlot(internal::SlotRef(
+        internal::objectUpdate(object.slot(), changes, [](internal::Slot old, internal::Slot change) -> internal::Slot {
+          const std::int64_t v = internal::intOf(change);
+          if (v == 0) return internal::kEmpty;
+          if (v == 1) {
+            internal::retain(old);
+            return old;
+          }
+          return change;
+        })));
+  }
+  static JSONValue numbered(int n) {
+    std::vector<std::pair<std::string, JSONValue>> entries;
+    for (int i = 0; i < n; ++i) entries.emplace_back("k" + std::to_string(i), num(i + 2));
+    return obj(entries);
+  }
+};
+
+TEST_F(ObjectUpdateTest, NothingChangedGivesTheSameNode) {
+  for (int n : {3, 40, 5000}) {
+    const JSONValue object = numbered(n);
+    EXPECT_EQ(update(object, {{"k0", 1}, {"absent", 1}, {"absent", 0}, {"k1", 3}}).slot(), object.slot()) << n;
+  }
+}
+
+TEST_F(ObjectUpdateTest, SmallObjectsGrowAndLargeOnesShrink) {
+  JSONValue object = obj({{"title", str("a title long enough")}, {"n", num(5)}});
+  std::vector<std::pair<std::string, std::int64_t>> grow;
+  for (int i = 0; i < 30; ++i) grow.emplace_back("g" + std::to_string(i), i + 2);
+  object = update(object, grow);
+  EXPECT_EQ(object.size(), 32u);
+  EXPECT_EQ(*object.find("title"), str("a title long enough"));  // embedded text carried into the trie
+  std::vector<std::pair<std::string, std::int64_t>> shrink;
+  for (int i = 0; i < 30; ++i) shrink.emplace_back("g" + std::to_string(i), 0);
+  object = update(object, shrink);
+  EXPECT_EQ(object, obj({{"title", str("a title long enough")}, {"n", num(5)}}));
+  object = update(object, {{"title", 0}, {"n", 0}});
+  EXPECT_EQ(object, JSONValue::emptyObject());
+  EXPECT_EQ(update(numbered(5000),
+                   [] {
+                     std::vector<std::pair<std::string, std::int64_t>> all;
+                     for (int i = 0; i < 5000; ++i) all.emplace_back("k" + std::to_string(i), 0);
+                     return all;
+                   }())
+                .size(),
+            0u);
+}
+
+TEST_F(ObjectUpdateTest, RepeatedKeysApplyInOrder) {
+  const JSONValue object = update(numbered(3), {{"k0", 9}, {"k0", 0}, {"new", 7}, {"new", 8}, {"k1", 0}, {"k1", 6}});
+  EXPECT_EQ(object, obj({{"k2", num(4)}, {"new", num(8)}, {"k1", num(6)}}));
+  const JSONValue large = update(numbered(5000), {{"k0", 9}, {"k0", 0}, {"new", 7}, {"new", 8}});
+  EXPECT_EQ(large.size(), 5000u);
+  EXPECT_FALSE(large.find("k0").has_value());
+  EXPECT_EQ(*large.find("new"), num(8));
+}
+
 TEST(JSONValueObjectTest, StringsStoredInAnObjectOutliveIt) {
   // Short strings live inside their object's allocation; every way out copies them.
   JSONValue title;
