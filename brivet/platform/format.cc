@@ -40,11 +40,11 @@ double doubleValue(const FormatArg::Value& v) {
 bool isFlag(char c) { return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0'; }
 bool isLength(char c) { return c == 'h' || c == 'l' || c == 'q' || c == 'L' || c == 'z' || c == 'j' || c == 't'; }
 
-// Pads `text` to the width of a "%-10@" style specification.
-std::string pad(std::string text, std::string_view spec) {
+// Pads `text` to the width given in a "%-10@" style conversion.
+std::string pad(std::string text, std::string_view specifier) {
   bool left = false;
   std::size_t width = 0;
-  for (char c : spec) {
+  for (char c : specifier) {
     if (c == '-') left = true;
     if (c >= '0' && c <= '9') width = width * 10 + static_cast<std::size_t>(c - '0');
     if (c == '.') break;
@@ -82,8 +82,8 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
       break;
     }
     const char conversion = fmt[j];
-    std::string spec = "%";
-    spec += flagsWidthPrecision;
+    std::string conversionFormat = "%";
+    conversionFormat += flagsWidthPrecision;
     char buffer[128];
     switch (conversion) {
       case '%': out += '%'; break;
@@ -102,14 +102,14 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
       case 'c': {
         const auto* v = take();
         if (v == nullptr) break;
-        spec += conversion == 'c' ? "" : "ll";
-        spec += conversion;
+        conversionFormat += conversion == 'c' ? "" : "ll";
+        conversionFormat += conversion;
         if (conversion == 'c') {
-          std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<int>(signedValue(*v)));
+          std::snprintf(buffer, sizeof buffer, conversionFormat.c_str(), static_cast<int>(signedValue(*v)));
         } else if (conversion == 'd' || conversion == 'i') {
-          std::snprintf(buffer, sizeof buffer, spec.c_str(), signedValue(*v));
+          std::snprintf(buffer, sizeof buffer, conversionFormat.c_str(), signedValue(*v));
         } else {
-          std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<unsigned long long>(signedValue(*v)));
+          std::snprintf(buffer, sizeof buffer, conversionFormat.c_str(), static_cast<unsigned long long>(signedValue(*v)));
         }
         out += buffer;
         break;
@@ -124,8 +124,8 @@ std::string format(std::string_view fmt, std::initializer_list<FormatArg> args) 
       case 'A': {
         const auto* v = take();
         if (v == nullptr) break;
-        spec += conversion;
-        std::snprintf(buffer, sizeof buffer, spec.c_str(), doubleValue(*v));
+        conversionFormat += conversion;
+        std::snprintf(buffer, sizeof buffer, conversionFormat.c_str(), doubleValue(*v));
         out += buffer;
         break;
       }

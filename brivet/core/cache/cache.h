@@ -1,0 +1,100 @@
+// CacheProtocol and Cache: the core model's in-memory store of one JSON Graph.
+//
+// The model and its operations touch cached data only through `CacheProtocol`.
+// `Cache` implements it over an immutable, structurally shared `JSONGraph`:
+//
+//  * Reads (`getValues`, `getCache`, `getJSON`, the accessors) run on the
+//    caller's thread without taking any queue: they read the current graph
+//    snapshot, so a read never sees half a write and never waits for one. A
+//    caller that must see every write requested before it (the get pipeline's
+//    re-read after a merge) runs the read inside `cacheQueue()->sync(...)`,
+//    which waits for earlier barrier blocks.
+//  * Writes (`merge`, `invalidate`, `setCache`) return at once after putting
+//    one barrier block on the process-wide `cacheQueue()`; writes therefore
+//    apply one at a time in submission order. Each block holds the cache
+//    weakly and does nothing when the cache is gone. Every replacement of the
+//    graph empties the platform-JSON memo in the same block; `version` steps
+//    by exactly 1 per merge or invalidation pass that changes the graph and
+//    is set, not stepped, by `setCache`.
+//
+// A `Cache` is shared by reference (std::shared_ptr) between the model, its
+// operations and every model derived from it. All members may be called from
+// any thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "brivet/core/cache/cache_envelope.h"
+#include "brivet/core/values/brivet_error.h"
+#include "brivet/core/values/json_graph.h"
+#include "brivet/core/values/json_value.h"
+#include "brivet/core/values/path_tree.h"
+#include "brivet/platform/dispatch_queue.h"
+#include "brivet/platform/object.h"
+#include "brivet/platform/result.h"
+
+namespace brivet {
+
+// The process-wide concurrent queue of every cache's writes, labelled with the
+// library's identifier, ".cache.queue." and a fresh UUID; made on first use.
+const std::shared_ptr<DispatchQueue>& cacheQueue();
+
+// What a value read found: the values (an object keyed like the request), the
+// requested paths that are missing or expired, and the same paths as they lie
+// in the graph (references on the way replaced by their targets: what a data
+// source is asked for).
+struct CacheValues {
+  JSONValue value;
+  PathTree missingPathTree;
+  PathTree missingOptimizedPathTree;
+};
+
+class CacheProtocol {
+ public:
+  virtual ~CacheProtocol() = default;
+
+  // Size limit and collection ratio: stored, used by no operation.
+  virtual std::int64_t cacheMaxSize() const = 0;
+  virtual void setCacheMaxSize(std::int64_t size) = 0;
+  virtual float cacheCollectRatio() const = 0;
+  virtual void setCacheCollectRatio(float ratio) = 0;
+
+  virtual JSONGraph jsonGraph() const = 0;
+  virtual std::uint64_t version() const = 0;
+  virtual std::optional<std::unordered_set<std::string>> prefixes() const = 0;
+
+  // The value read along `pathTree`, references followed; with `checkExpiry`
+  // an expired leaf counts as missing. Error leaves met on the way fail the
+  // whole read with `responseJSONGraphFailed(pathBoundErrors)`; a path that
+  // ends on a branch fails it with `responseJSONGraphFailed(invalidAttempt)`.
+  [[nodiscard]] virtual Result<CacheValues, BrivetError> getValues(const PathTree& pathTree,
+                                                                   bool checkExpiry) const = 0;
+  // The whole graph (no tree) or the sub-graph the tree reaches, with the version.
+  virtual CacheEnvelope getCache(const std::optional<PathTree>& pathTree) const = 0;
+  // Platform dictionaries read along each path (one key per level), deep-merged.
+  virtual Object getJSON(const std::vector<Path>& paths) const = 0;
+
+  virtual void merge(JSONGraph jsonGraph) = 0;
+  virtual void invalidate(PathTree pathTree) = 0;
+  virtual void setCache(CacheEnvelope envelope) = 0;
+};
+
+// The same value read as `CacheProtocol::getValues`, over a stand-alone graph
+// (a response that is not merged into any cache).
+[[nodiscard]] Result<CacheValues, BrivetError> getValues(const JSONGraph& graph, const PathTree& pathTree,
+                                                         bool checkExpiry);
+
+class Cache : public CacheProtocol {
+ public:
+  // `jsonGraph` absent means an empty object branch; version starts at 1.
+  static std::shared_ptr<Cache> create(std::optional<JSONGraph> jsonGraph = std::nullopt,
+                                       std::optional<std::vector<std::string>> prefixes = std::nullopt,
+                                       std::optional<std::vector<std::string>> optimizedPaths = std::nullopt);
+};
+
+}  // namespace brivet
