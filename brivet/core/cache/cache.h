@@ -20,8 +20,15 @@
 // A `Cache` is shared by reference (std::shared_ptr) between the model, its
 // operations and every model derived from it. All members may be called from
 // any thread.
+//
+// A walk follows at most `kMaxReferencesFollowed` references along one chain, so a
+// cycle cannot hang a read, an extraction or an invalidation. A value read
+// reports a path that goes past the bound as a path-bound error (its value is
+// {"message": "reference chain longer than 1024"}); an extraction, and so an
+// invalidation, stops following there and keeps what it gathered.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -39,6 +46,9 @@
 #include "brivet/platform/result.h"
 
 namespace brivet {
+
+// References followed along one chain of one walk before it gives up.
+inline constexpr std::size_t kMaxReferencesFollowed = 1024;
 
 // The process-wide concurrent queue of every cache's writes, labelled with the
 // library's identifier, ".cache.queue." and a fresh UUID; made on first use.
@@ -89,12 +99,25 @@ class CacheProtocol {
 [[nodiscard]] Result<CacheValues, BrivetError> getValues(const JSONGraph& graph, const PathTree& pathTree,
                                                          bool checkExpiry);
 
+// The cache's recency bookkeeping: kept by every cache, holding no data and
+// taking part in no operation.
+class LRUPProtocol {
+ public:
+  virtual ~LRUPProtocol() = default;
+};
+class LRU final : public LRUPProtocol {};
+
 class Cache : public CacheProtocol {
  public:
   // `jsonGraph` absent means an empty object branch; version starts at 1.
   static std::shared_ptr<Cache> create(std::optional<JSONGraph> jsonGraph = std::nullopt,
                                        std::optional<std::vector<std::string>> prefixes = std::nullopt,
                                        std::optional<std::vector<std::string>> optimizedPaths = std::nullopt);
+
+  // The cache's own LRU (a new one per cache) and the first-level keys whose
+  // platform-JSON reads are memoised; both fixed at construction.
+  virtual const std::shared_ptr<LRUPProtocol>& lru() const = 0;
+  virtual std::optional<std::unordered_set<std::string>> optimizedPaths() const = 0;
 };
 
 }  // namespace brivet

@@ -1,0 +1,236 @@
+#include "brivet/core/cache/cache.h"
+
+#include <atomic>
+#include <limits>
+#include <unordered_map>
+#include <utility>
+
+#include "brivet/core/cache/internal/graph_walk.h"
+#include "brivet/platform/identifier.h"
+#include "brivet/platform/internal/mutex.h"
+#include "brivet/platform/precondition.h"
+#include "brivet/platform/uuid.h"
+
+namespace brivet {
+
+using internal::Slot;
+using internal::SlotRef;
+
+const std::shared_ptr<DispatchQueue>& cacheQueue() {
+  // Made on first use and never destroyed: blocks may still run while the process exits.
+  static const auto* queue = new std::shared_ptr<DispatchQueue>(
+      DispatchQueue::concurrent(std::string(kReverseDomain) + ".cache.queue." + UUID::random().uuidString()));
+  return *queue;
+}
+
+Result<CacheValues, BrivetError> getValues(const JSONGraph& graph, const PathTree& pathTree, bool checkExpiry) {
+  return internal::readValues(graph.slot(), pathTree, checkExpiry);
+}
+
+namespace {
+
+struct PathHash {
+  std::size_t operator()(const Path& path) const {
+    std::size_t h = path.size();
+    for (const KeySet& keys : path) h = h * 0x9E3779B97F4A7C15ULL + KeySetHash()(keys);
+    return h;
+  }
+};
+
+// The platform-JSON reads memoised for one graph. A graph replacement starts a
+// new memo, so a store computed from an older graph lands in a memo nobody
+// reads any more.
+class Memo {
+ public:
+  Object find(const Path& path) const {
+    internal::MutexLock lock(mu_);
+    auto it = entries_.find(path);
+    return it == entries_.end() ? Object() : it->second;
+  }
+  void store(const Path& path, Object dictionary) {
+    internal::MutexLock lock(mu_);
+    entries_[path] = std::move(dictionary);
+  }
+
+ private:
+  mutable internal::Mutex mu_;
+  std::unordered_map<Path, Object, PathHash> entries_ BRIVET_GUARDED_BY(mu_);
+};
+
+// One published state: the graph, its version and its memo, read together.
+struct State {
+  JSONGraph graph;
+  std::uint64_t version;
+  std::shared_ptr<Memo> memo = std::make_shared<Memo>();
+};
+
+std::uint64_t nextVersion(std::uint64_t version) {
+  if (version == std::numeric_limits<std::uint64_t>::max()) BRIVET_FATAL("cache version stepped past its maximum");
+  return version + 1;
+}
+
+// Later dictionaries laid over earlier ones: on a key both hold a dictionary
+// under, the two merge; otherwise the later value is stored.
+Object mergeDictionaries(const Object& earlier, const Object& later) {
+  const Dictionary* a = earlier.asDictionary();
+  const Dictionary* b = later.asDictionary();
+  Object out = earlier.mutableCopy();
+  Dictionary* d = out.asMutableDictionary();
+  for (const auto& [key, value] : *b) {
+    const Object old = a->objectForKey(key);
+    d->setObject(old.isDictionary() && value.isDictionary() ? mergeDictionaries(old, value) : value, key);
+  }
+  return out.copy();
+}
+
+std::optional<internal::KeyTextSet> toSet(const std::optional<std::vector<std::string>>& texts) {
+  if (!texts) return std::nullopt;
+  return internal::KeyTextSet(texts->begin(), texts->end());
+}
+
+class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheImpl> {
+ public:
+  CacheImpl(JSONGraph graph, std::optional<internal::KeyTextSet> prefixes,
+            std::optional<internal::KeyTextSet> optimizedPaths)
+      : state_(std::make_shared<const State>(State{std::move(graph), 1})),
+        prefixes_(std::move(prefixes)),
+        optimizedPaths_(std::move(optimizedPaths)) {}
+
+  std::int64_t cacheMaxSize() const override { return cacheMaxSize_.load(std::memory_order_relaxed); }
+  void setCacheMaxSize(std::int64_t size) override { cacheMaxSize_.store(size, std::memory_order_relaxed); }
+  float cacheCollectRatio() const override { return cacheCollectRatio_.load(std::memory_order_relaxed); }
+  void setCacheCollectRatio(float ratio) override { cacheCollectRatio_.store(ratio, std::memory_order_relaxed); }
+
+  JSONGraph jsonGraph() const override { return current()->graph; }
+  std::uint64_t version() const override { return current()->version; }
+  std::optional<std::unordered_set<std::string>> prefixes() const override { return prefixes_; }
+  std::optional<std::unordered_set<std::string>> optimizedPaths() const override { return optimizedPaths_; }
+  const std::shared_ptr<LRUPProtocol>& lru() const override { return lru_; }
+
+  Result<CacheValues, BrivetError> getValues(const PathTree& pathTree, bool checkExpiry) const override {
+    const std::shared_ptr<const State> state = current();
+    if (prefixes_ && internal::treeTouches(pathTree, *prefixes_)) {
+      // The raw sub-graph, handed over as a value in its wire form.
+      Result<internal::Extraction, BrivetError> extracted =
+          internal::extract(state->graph.slot(), pathTree.paths(), true);
+      if (!extracted.ok()) return Failure{extracted.error()};
+      return CacheValues{JSONValue::fromAny(internal::graphSlotToAny(extracted->graph.get())), PathTree(), PathTree()};
+    }
+    return internal::readValues(state->graph.slot(), pathTree, checkExpiry);
+  }
+
+  CacheEnvelope getCache(const std::optional<PathTree>& pathTree) const override {
+    const std::shared_ptr<const State> state = current();
+    if (!pathTree) return CacheEnvelope{state->graph, state->version};
+    const bool includeBranches = prefixes_ && internal::treeTouches(*pathTree, *prefixes_);
+    Result<internal::Extraction, BrivetError> extracted =
+        internal::extract(state->graph.slot(), pathTree->paths(), includeBranches);
+    if (!extracted.ok()) return CacheEnvelope{state->graph, state->version};
+    return CacheEnvelope{JSONGraph::fromSlot(std::move(extracted->graph)), state->version};
+  }
+
+  Object getJSON(const std::vector<Path>& paths) const override {
+    const std::shared_ptr<const State> state = current();
+    const Slot root = state->graph.slot();
+    std::vector<Object> found;
+    found.reserve(paths.size());
+    for (const Path& path : paths) {
+      if (prefixes_ && !path.empty() && internal::keySetTouches(path[0], *prefixes_)) {
+        Result<internal::Extraction, BrivetError> extracted = internal::extract(root, {path}, true);
+        if (!extracted.ok()) return Object::dictionary();
+        const Object raw = internal::graphSlotToAny(extracted->graph.get());
+        found.push_back(raw.isDictionary() ? raw : Object::dictionary());
+        continue;
+      }
+      if (Object memoised = state->memo->find(path); memoised.isDictionary()) {
+        found.push_back(std::move(memoised));
+        continue;
+      }
+      Result<SlotRef, BrivetError> value = internal::readPathValue(root, path);
+      if (!value.ok()) return Object::dictionary();
+      const Object read = value->get() == internal::kEmpty ? Object() : internal::valueSlotToAny(value->get());
+      Object dictionary = read.isDictionary() ? read : Object::dictionary();
+      if (optimizedPaths_ && !path.empty() && internal::keySetTouches(path[0], *optimizedPaths_)) {
+        cacheQueue()->asyncBarrier([weak = weak_from_this(), memo = state->memo, path, dictionary] {
+          if (weak.lock()) memo->store(path, dictionary);
+        });
+      }
+      found.push_back(std::move(dictionary));
+    }
+    if (found.empty()) return Object::dictionary();
+    Object merged = found[0];
+    for (std::size_t i = 1; i < found.size(); ++i) merged = mergeDictionaries(merged, found[i]);
+    return merged;
+  }
+
+  void merge(JSONGraph jsonGraph) override {
+    write([graph = std::move(jsonGraph)](CacheImpl& cache) { cache.applyMerge(graph); });
+  }
+  void invalidate(PathTree pathTree) override {
+    write([tree = std::move(pathTree)](CacheImpl& cache) { cache.applyInvalidation(tree); });
+  }
+  void setCache(CacheEnvelope envelope) override {
+    write([envelope = std::move(envelope)](CacheImpl& cache) { cache.publish(envelope.jsonGraph, envelope.version); });
+  }
+
+ private:
+  std::shared_ptr<const State> current() const { return state_.load(std::memory_order_acquire); }
+
+  // A barrier block on the cache queue that holds the cache weakly.
+  template <class F>
+  void write(F block) {
+    cacheQueue()->asyncBarrier([weak = weak_from_this(), block = std::move(block)] {
+      if (std::shared_ptr<CacheImpl> self = weak.lock()) block(*self);
+    });
+  }
+
+  // Writes run one at a time (barriers on the cache queue), so reading the
+  // state and publishing its successor cannot interleave with another write.
+  void publish(JSONGraph graph, std::uint64_t version) {
+    std::shared_ptr<const State> next = std::make_shared<const State>(State{std::move(graph), version});
+    std::shared_ptr<const State> previous = state_.exchange(std::move(next), std::memory_order_acq_rel);
+    previous.reset();  // the old graph is released here unless a reader still holds it
+  }
+  // Replaces the graph when `replacement` is not the current graph itself (the
+  // merge and the invalidation answer the old node wherever nothing changed).
+  void replaceIfChanged(SlotRef replacement) {
+    const std::shared_ptr<const State> state = current();
+    if (replacement.get() == state->graph.slot()) return;
+    publish(JSONGraph::fromSlot(std::move(replacement)), nextVersion(state->version));
+  }
+
+  void applyMerge(const JSONGraph& incoming) {
+    // The root stays an object branch: a response that is not one has nothing to merge into it.
+    if (!incoming.isObject()) return;
+    const std::shared_ptr<const State> state = current();
+    replaceIfChanged(SlotRef(internal::mergeGraph(incoming.slot(), state->graph.slot())));
+  }
+
+  void applyInvalidation(const PathTree& tree) {
+    // First what the references on the way lead to, then the requested entries themselves.
+    const std::vector<Path> refPaths = internal::referencePaths(current()->graph.slot(), tree.paths());
+    if (!refPaths.empty()) {
+      const PathTree refTree = PathTree::fromPaths(refPaths);
+      replaceIfChanged(SlotRef(internal::invalidateGraph(current()->graph.slot(), refTree)));
+    }
+    replaceIfChanged(SlotRef(internal::invalidateGraph(current()->graph.slot(), tree)));
+  }
+
+  std::atomic<std::shared_ptr<const State>> state_;
+  const std::optional<internal::KeyTextSet> prefixes_;
+  const std::optional<internal::KeyTextSet> optimizedPaths_;
+  const std::shared_ptr<LRUPProtocol> lru_ = std::make_shared<LRU>();
+  std::atomic<std::int64_t> cacheMaxSize_{0};
+  std::atomic<float> cacheCollectRatio_{0.0f};
+};
+
+}  // namespace
+
+std::shared_ptr<Cache> Cache::create(std::optional<JSONGraph> jsonGraph,
+                                     std::optional<std::vector<std::string>> prefixes,
+                                     std::optional<std::vector<std::string>> optimizedPaths) {
+  return std::make_shared<CacheImpl>(jsonGraph ? std::move(*jsonGraph) : JSONGraph::emptyObject(), toSet(prefixes),
+                                     toSet(optimizedPaths));
+}
+
+}  // namespace brivet

@@ -1,0 +1,124 @@
+#include "brivet/core/cache/cache_envelope.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <string>
+
+#include "brivet/core/cache/cache.h"
+#include "brivet/platform/json.h"
+#include "brivet/testing/catalogue.h"
+
+namespace brivet {
+namespace {
+
+using namespace std::chrono_literals;
+
+class CacheSnapshotTest : public ::testing::Test {
+ protected:
+  static void settle() {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    cacheQueue()->asyncBarrier([done] { *done = true; });
+    ASSERT_TRUE(DispatchQueue::main()->runUntil([&] { return done->load(); }, 5000ms));
+  }
+  // What the model does with snapshot text: a parse error is reported, no envelope is ignored.
+  static bool restore(Cache& cache, std::string_view text) {
+    Result<std::optional<CacheEnvelope>> r = CacheEnvelope::fromJSONText(text);
+    if (!r.ok()) return false;
+    if (r.value()) cache.setCache(*r.value());
+    settle();
+    return true;
+  }
+};
+
+TEST_F(CacheSnapshotTest, AFreshCacheSnapshotsAsAnEmptyGraphAtVersionOne) {
+  const CacheEnvelope e = Cache::create()->getCache(std::nullopt);
+  EXPECT_TRUE(e.toDictionary().isEqual(Object::dictionary({{"jsonGraph", Object::dictionary()}, {"$_version", 1}})));
+  EXPECT_TRUE(e.toDictionary()["$_version"].asNumber()->type() == Number::Type::Unsigned);
+  Result<Object> parsed = parseJSON(e.toJSONText().value());
+  ASSERT_TRUE(parsed.ok());
+  EXPECT_TRUE(parsed->isEqual(e.toDictionary()));
+}
+
+TEST_F(CacheSnapshotTest, TextAndDictionaryFormsRoundTrip) {
+  const CacheEnvelope e{JSONGraph::fromAny(testing::catalogueDocument(20, 10, 3)), 42};
+  const Result<std::optional<CacheEnvelope>> back = CacheEnvelope::fromJSONText(e.toJSONText().value());
+  ASSERT_TRUE(back.ok());
+  ASSERT_TRUE(back->has_value());
+  EXPECT_EQ(**back, e);
+  EXPECT_EQ(*CacheEnvelope::fromDictionary(e.toDictionary()), e);
+  // A top-level "$type" does not hide the envelope.
+  const auto typed = CacheEnvelope::fromJSONText(R"({"$type": "atom", "jsonGraph": {"a": 1}, "$_version": 3})");
+  ASSERT_TRUE(typed.ok() && typed->has_value());
+  EXPECT_EQ((*typed)->version, 3u);
+}
+
+TEST_F(CacheSnapshotTest, RestoringReplacesGraphAndVersionAsTheyAre) {
+  auto cache = Cache::create(JSONGraph::fromAny(testing::catalogueDocument(2, 2, 0)));
+  cache->merge(JSONGraph::fromAny(testing::catalogueVideos(5, 1, testing::Dialect::Core)));
+  settle();
+  ASSERT_EQ(cache->version(), 2u);
+  ASSERT_TRUE(restore(*cache, R"({"jsonGraph": {"a": {"$type": "atom", "value": 1}}, "$_version": 0})"));
+  EXPECT_EQ(cache->version(), 0u);
+  EXPECT_EQ(cache->jsonGraph().find("a")->leaf().value(), JSONValue(JSONPrimitive::integer(1)));
+  ASSERT_TRUE(restore(*cache, R"({"$_version": true, "jsonGraph": {}})"));
+  EXPECT_EQ(cache->version(), 1u);
+}
+
+TEST_F(CacheSnapshotTest, SnapshotsWithoutAnEnvelopeAreIgnoredWithoutAnError) {
+  auto cache = Cache::create(JSONGraph::fromAny(testing::catalogueDocument(2, 2, 0)));
+  const JSONGraph before = cache->jsonGraph();
+  for (const char* text :
+       {R"({"jsonGraph": {}})", "[]", "5", R"("text")", R"({"jsonGraph": [], "$_version": 1})",
+        R"({"jsonGraph": {}, "$_version": "1"})", R"({"jsonGraph": {"$type": "atom", "value": 1}, "$_version": 1})",
+        R"({"jsonGraph": {}, "$_version": -1})", R"({"jsonGraph": {}, "$_version": 9223372036854775808})",
+        R"({"jsonGraph": {}, "$_version": 1e300})", R"({"jsonGraph": {"$type": "ref"}, "$_version": 1})"}) {
+    ASSERT_TRUE(restore(*cache, text)) << text;
+    EXPECT_EQ(cache->version(), 1u) << text;
+  }
+  EXPECT_EQ(cache->jsonGraph().slot(), before.slot());
+  EXPECT_FALSE(CacheEnvelope::fromDictionary(
+      Object::dictionary({{"jsonGraph", Object::dictionary({{Object(7), Object(1)}})}, {"$_version", 1}})));
+  EXPECT_FALSE(CacheEnvelope::fromDictionary(Object(1)));
+}
+
+TEST_F(CacheSnapshotTest, TextThatIsNotJSONGivesTheParsersError) {
+  for (const char* text : {"", "{", R"({"jsonGraph": {}, "$_version": 1} x)", "{\"a\": \"\xff\"}"}) {
+    Result<std::optional<CacheEnvelope>> r = CacheEnvelope::fromJSONText(text);
+    ASSERT_FALSE(r.ok()) << text;
+    EXPECT_EQ(r.error(),
+              parseJSON(text, JSONReadingOptions::MutableContainers | JSONReadingOptions::FragmentsAllowed).error());
+  }
+}
+
+TEST_F(CacheSnapshotTest, NoDamagedTextCrashesTheRestore) {
+  const std::string text =
+      CacheEnvelope{JSONGraph::fromAny(testing::catalogueDocument(30, 10, 4)), 7}.toJSONText().value();
+  auto cache = Cache::create();
+  std::mt19937 random(12345);
+  for (int round = 0; round < 300; ++round) {
+    std::string damaged = text.substr(0, random() % text.size());
+    if (round % 2 == 0) {
+      damaged = text;
+      for (int flips = 0; flips < 4; ++flips) damaged[random() % damaged.size()] = static_cast<char>(random() % 256);
+    }
+    Result<std::optional<CacheEnvelope>> r = CacheEnvelope::fromJSONText(damaged);
+    if (r.ok() && r.value()) cache->setCache(*r.value());
+  }
+  // Nesting far past the parser's limit is an error, not a stack overflow.
+  const std::string deep = R"({"jsonGraph": )" + std::string(100000, '[') + std::string(100000, ']') + "}";
+  EXPECT_FALSE(CacheEnvelope::fromJSONText(deep).ok());
+  settle();
+}
+
+TEST_F(CacheSnapshotTest, WritingAGraphThatCannotBeWrittenGivesTheWritersError) {
+  const CacheEnvelope e{JSONGraph::object({{"x", JSONGraphLeaf::primitive(JSONPrimitive::real(1.0 / 0.0))}}), 1};
+  Result<std::string> text = e.toJSONText();
+  ASSERT_FALSE(text.ok());
+  EXPECT_EQ(text.error(), writeJSON(e.toDictionary()).error());
+}
+
+}  // namespace
+}  // namespace brivet

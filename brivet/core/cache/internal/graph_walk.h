@@ -1,0 +1,83 @@
+// The cache's graph algorithms, as pure functions over graph slots: the value
+// read, the sub-graph extraction, the merge and the invalidation walk.
+//
+// All of them take the graph as a borrowed slot and answer owned slots. They
+// never change a node: a merge or an invalidation copies the nodes on the paths
+// it changes and shares everything else, and answers the old node itself
+// wherever the result equals it, so "did anything change" is one comparison of
+// slots. References are followed at most `kMaxReferencesFollowed` times along
+// one chain. Every function may run on any thread over a graph shared with
+// readers.
+#pragma once
+
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "brivet/core/cache/cache.h"
+#include "brivet/core/values/brivet_error.h"
+#include "brivet/core/values/internal/node.h"
+#include "brivet/core/values/path_tree.h"
+#include "brivet/platform/result.h"
+
+namespace brivet::internal {
+
+// Calls `f(text)` for every key of the set in its string form, ranges expanded
+// in ascending order. A range whose end lies before its start yields no key.
+template <class F>
+void forEachKey(const KeySet& keys, F&& f) {
+  char buffer[24];
+  for (const Key& k : keys) {
+    if (k.kind() != Key::Kind::Range) {
+      f(std::string_view(k.stringValue()));
+      continue;
+    }
+    if (k.to() < k.from()) continue;
+    for (std::int64_t v = k.from();; ++v) {
+      const auto r = std::to_chars(buffer, buffer + sizeof buffer, v);
+      f(std::string_view(buffer, static_cast<std::size_t>(r.ptr - buffer)));
+      if (v == k.to()) break;
+    }
+  }
+}
+
+using KeyTextSet = std::unordered_set<std::string>;
+
+// Whether some key of the set, in string form, is in `texts` (ranges are
+// checked against the texts, never expanded).
+bool keySetTouches(const KeySet& keys, const KeyTextSet& texts);
+// A key set tree: one of its keys; an object tree: a key of a first-level key set.
+bool treeTouches(const PathTree& tree, const KeyTextSet& texts);
+
+// The value read along every path of `tree`, folded as the cache answers it.
+[[nodiscard]] Result<CacheValues, BrivetError> readValues(Slot root, const PathTree& tree, bool checkExpiry);
+// The value read along one path with expiry checked (kEmpty when nothing was
+// found); missing paths and error leaves are left out. Fails only when the
+// path ends on a branch.
+[[nodiscard]] Result<SlotRef, BrivetError> readPathValue(Slot root, const Path& path);
+
+struct Extraction {
+  SlotRef graph;               // an object branch (arrays on the way stay arrays)
+  std::vector<Path> refPaths;  // the paths the references met on the way led to
+};
+// The sub-graph that `paths` reach, references followed through a work list.
+// A path ending on a branch copies it with `includeBranches`, otherwise fails
+// with `invalidAttempt` unless something was gathered for that path already.
+[[nodiscard]] Result<Extraction, BrivetError> extract(Slot root, const std::vector<Path>& paths, bool includeBranches);
+// Only the reference paths that `extract(root, paths, true)` would meet.
+std::vector<Path> referencePaths(Slot root, const std::vector<Path>& paths);
+
+// The merge of `incoming` into `old` (owned; `old` itself when the result equals it).
+Slot mergeGraph(Slot incoming, Slot old);
+// `graph` without the entries `tree` addresses (owned; `graph` itself when
+// nothing was removed). References are not followed.
+Slot invalidateGraph(Slot graph, const PathTree& tree);
+
+// Whether a leaf's metadata says it has expired at `nowMs` (milliseconds since 1970).
+bool isExpired(const Metadata& metadata, double nowMs);
+
+}  // namespace brivet::internal
