@@ -254,12 +254,17 @@ std::vector<std::optional<JSONValue>> TovInternalModel::readValues(const std::ve
   bool miss = internal::hasTopLevelEntry(read.missing);
   if (read.error) {
     // One error leaf (or a path that ends on a branch) fails a whole read: read
-    // path by path so that the others still answer.
+    // path so that the others still answer (sibling leaves share one key set
+    // in a flattened path: each is read on its own).
     read.value = JSONValue::emptyObject();
-    for (const Path& path : readTree.paths()) {
-      internal::Read one = internal::readCache(*cache_, PathTree::fromPaths({path}), /*checkExpiry=*/true);
-      miss = miss || one.error.has_value() || internal::hasTopLevelEntry(one.missing);
-      if (!one.error) read.value = JSONValue::merge(one.value, read.value);
+    for (Path path : readTree.paths()) {
+      const KeySet last = path.back();
+      for (const Key& key : last) {
+        path.back() = KeySet{key};
+        internal::Read one = internal::readCache(*cache_, PathTree::fromPaths({path}), /*checkExpiry=*/true);
+        miss = miss || one.error.has_value() || internal::hasTopLevelEntry(one.missing);
+        if (!one.error) read.value = JSONValue::merge(one.value, read.value);
+      }
     }
   }
   internal::endInterval(internal::cacheLog(), cacheID, "miss=%lu", miss ? 1u : 0u);
