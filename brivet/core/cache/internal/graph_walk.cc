@@ -521,8 +521,9 @@ Slot invalidateArray(Slot array, const PathTree& tree) {
   std::vector<Slot> items(a->items, a->items + a->count);
   for (Slot s : items) retain(s);
   bool changed = false;
-  for (const auto& [keys, sub] : tree.entries()) {
-    forEachKey(keys, [&](std::string_view key) {
+  for (const PathTree::Entry& entry : tree.entries()) {
+    const PathTree& sub = entry.second;
+    forEachKey(entry.first, [&](std::string_view key) {
       std::size_t index;
       if (!parseIndex(key, &index) || index >= items.size() || items[index] == kEmpty) return;
       const Slot next = invalidateChild(items[index], sub);
