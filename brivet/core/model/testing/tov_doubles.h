@@ -10,6 +10,7 @@
 // line it is told. Both are safe to use from any thread.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -187,32 +188,31 @@ class ScriptedHTTPClient : public TovHTTPClientProtocol {
 class RecordingLoggingDelegate : public TovLoggingDelegate {
  public:
   bool enableLoggingForBrivet(TovModel& /*model*/) override { return enabled; }
-  void logError(TovModel& /*model*/, const std::string& message) override { record(errors_, message); }
+  void logError(TovModel& /*model*/, const std::string& message) override { record(kError, message); }
   std::optional<bool> enableExNetworkLoggingForBrivet(TovModel& /*model*/) override { return network; }
-  void logInfo(TovModel& /*model*/, const std::string& message) override { record(infos_, message); }
-  void logDebug(TovModel& /*model*/, const std::string& message) override { record(debugs_, message); }
+  void logInfo(TovModel& /*model*/, const std::string& message) override { record(kInfo, message); }
+  void logDebug(TovModel& /*model*/, const std::string& message) override { record(kDebug, message); }
 
-  std::vector<std::string> errors() const { return read(errors_); }
-  std::vector<std::string> infos() const { return read(infos_); }
-  std::vector<std::string> debugs() const { return read(debugs_); }
+  std::vector<std::string> errors() const { return read(kError); }
+  std::vector<std::string> infos() const { return read(kInfo); }
+  std::vector<std::string> debugs() const { return read(kDebug); }
 
   std::atomic<bool> enabled{true};
   std::optional<bool> network;  // empty: the optional switch is not implemented
 
  private:
-  void record(std::vector<std::string>& into, const std::string& message) {
+  enum Level { kError, kInfo, kDebug };
+  void record(Level level, const std::string& message) {
     internal::MutexLock lock(mu_);
-    into.push_back(message);
+    lines_[level].push_back(message);
   }
-  std::vector<std::string> read(const std::vector<std::string>& from) const {
+  std::vector<std::string> read(Level level) const {
     internal::MutexLock lock(mu_);
-    return from;
+    return lines_[level];
   }
 
   mutable internal::Mutex mu_;
-  std::vector<std::string> errors_ BRIVET_GUARDED_BY(mu_);
-  std::vector<std::string> infos_ BRIVET_GUARDED_BY(mu_);
-  std::vector<std::string> debugs_ BRIVET_GUARDED_BY(mu_);
+  std::array<std::vector<std::string>, 3> lines_ BRIVET_GUARDED_BY(mu_);
 };
 
 }  // namespace brivet::testing
