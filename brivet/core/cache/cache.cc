@@ -174,7 +174,12 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
   }
 
  private:
-  std::shared_ptr<const State> current() const { return state_.load(std::memory_order_acquire); }
+  // The published state. The lock is held only to copy the pointer: a reader
+  // never waits for a write, only for another reader's or writer's copy.
+  std::shared_ptr<const State> current() const {
+    internal::MutexLock lock(stateMu_);
+    return state_;
+  }
 
   // A barrier block on the cache queue that holds the cache weakly.
   template <class F>
@@ -188,8 +193,12 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
   // state and publishing its successor cannot interleave with another write.
   void publish(JSONGraph graph, std::uint64_t version) {
     std::shared_ptr<const State> next = std::make_shared<const State>(State{std::move(graph), version});
-    std::shared_ptr<const State> previous = state_.exchange(std::move(next), std::memory_order_acq_rel);
-    previous.reset();  // the old graph is released here unless a reader still holds it
+    std::shared_ptr<const State> previous;
+    {
+      internal::MutexLock lock(stateMu_);
+      previous = std::exchange(state_, std::move(next));
+    }
+    previous.reset();  // the old graph is released here, outside the lock, unless a reader still holds it
   }
   // Replaces the graph when `replacement` is not the current graph itself (the
   // merge and the invalidation answer the old node wherever nothing changed).
@@ -216,7 +225,8 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     replaceIfChanged(SlotRef(internal::invalidateGraph(current()->graph.slot(), tree)));
   }
 
-  std::atomic<std::shared_ptr<const State>> state_;
+  mutable internal::Mutex stateMu_;
+  std::shared_ptr<const State> state_ BRIVET_GUARDED_BY(stateMu_);
   const std::optional<internal::KeyTextSet> prefixes_;
   const std::optional<internal::KeyTextSet> optimizedPaths_;
   const std::shared_ptr<LRUPProtocol> lru_ = std::make_shared<LRU>();

@@ -402,7 +402,9 @@ Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object&
     // output) turns the dictionary into a leaf instead.
     ObjectBuilder builder;
     builder.reserve(d->size());
+    EntryPrefetcher ahead(*d);
     for (const auto& [key, child] : *d) {
+      ahead.advance();
       const String* keyString = key.asString();
       if (keyString != nullptr && child.isString() && keyString->text() == "$type") {
         return leafFromDictionary(*d, remaining, defaultExpires, parseTime);

@@ -20,7 +20,9 @@ Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
     if (remaining == 0) return kNull;
     ObjectBuilder builder;
     builder.reserve(d->size());
+    EntryPrefetcher ahead(*d);
     for (const auto& [key, value] : *d) {
+      ahead.advance();
       const Slot k = key.isString() ? makeString(key.stringValue()) : makeString(keyText(key));
       builder.add(k, value.isString() ? builder.text(value.stringValue()) : valueSlotFromAny(value, remaining - 1));
     }

@@ -36,11 +36,27 @@ bool isBranch(Slot s) { return isObjectSlot(s) || isArraySlot(s); }
 
 double nowMilliseconds() { return timeIntervalSince1970(dateNow()) * 1000.0; }
 
-Path singleKeys(const std::vector<std::string>& keys, std::size_t from = 0) {
+Path singleKeys(const std::vector<std::string_view>& keys) {
   Path p;
-  p.reserve(keys.size() - from);
-  for (std::size_t i = from; i < keys.size(); ++i) p.push_back({Key::string(keys[i])});
+  p.reserve(keys.size());
+  for (std::string_view k : keys) p.push_back({Key::string(std::string(k))});
   return p;
+}
+std::vector<std::string> texts(const std::vector<std::string_view>& keys) {
+  return std::vector<std::string>(keys.begin(), keys.end());
+}
+
+// The probe of a key held in a slot (a reference's path): a short key is its own probe.
+KeyProbe probeOf(const Slot& key) {
+  if (tagOf(key) != kTagShortString) return KeyProbe(stringOf(key));
+  KeyProbe probe(std::string_view{});
+  probe.text = stringOf(key);
+  probe.inlineSlot = key;
+  return probe;
+}
+Slot childOf(Slot branch, const KeyProbe& key) {
+  if (isObjectSlot(branch)) return objectFind(branch, key);
+  return childOf(branch, key.text);
 }
 
 // A value that a read hands back as it stands: a primitive or a metadata-free
@@ -79,6 +95,13 @@ class ValueWalker {
     optimizedBase_ = 0;
     pending_.clear();
     hops_ = 0;
+    probes_.assign(path.size(), {});
+    for (std::size_t i = 0; i < path.size(); ++i) {
+      const KeySet& keys = path[i];
+      if (std::any_of(keys.begin(), keys.end(), [](const Key& k) { return k.kind() == Key::Kind::Range; })) continue;
+      probes_[i].reserve(keys.size());
+      for (const Key& k : keys) probes_[i].emplace_back(k.stringValue());
+    }
     return walk(root_, 0);
   }
   bool failed() const { return failure_.has_value(); }
@@ -109,7 +132,7 @@ class ValueWalker {
   // the request's key sets from `i`.
   Path optimizedPath(const std::string_view* extra, bool skipCurrent, std::size_t i) const {
     Path p;
-    for (std::size_t k = optimizedBase_; k < optimized_.size(); ++k) p.push_back({Key::string(optimized_[k])});
+    for (std::size_t k = optimizedBase_; k < optimized_.size(); ++k) p.push_back({Key::string(std::string(optimized_[k]))});
     if (extra != nullptr) p.push_back({Key::string(std::string(*extra))});
     for (std::size_t f = pending_.size(); f-- > 0;) {
       const Pending& frame = pending_[f];
@@ -161,7 +184,7 @@ class ValueWalker {
       if (isBranch(node)) {
         if (!more) {
           failure_ =
-              BrivetError::responseJSONGraphFailed(BrivetError::JSONGraphFailureReason::invalidAttempt(requested_));
+              BrivetError::responseJSONGraphFailed(BrivetError::JSONGraphFailureReason::invalidAttempt(texts(requested_)));
           return kEmpty;
         }
         if (pending_.empty()) return walkKeySet(node, i);
@@ -169,7 +192,7 @@ class ValueWalker {
         Pending& frame = pending_.back();
         const Slot& keySlot = frame.target->items[frame.next];
         const std::string_view key = stringOf(keySlot);
-        const Slot child = childOf(node, key);
+        const Slot child = childOf(node, probeOf(keySlot));
         if (child == kEmpty) {
           missingTarget(key, i);
           return kEmpty;
@@ -189,13 +212,13 @@ class ValueWalker {
       }
       switch (v.kind) {
         case JSONGraphLeaf::Kind::Error:
-          errors.push_back({requested_, JSONValue::fromSlot(SlotRef(copySlot(v.value)))});
+          errors.push_back({texts(requested_), JSONValue::fromSlot(SlotRef(copySlot(v.value)))});
           return kEmpty;
         case JSONGraphLeaf::Kind::Ref:
           if (!more) return copySlot(v.value);
           if (!isArraySlot(v.value)) return kEmpty;
           if (hops_ >= kMaxReferencesFollowed) {
-            errors.push_back({requested_, cycleErrorValue()});
+            errors.push_back({texts(requested_), cycleErrorValue()});
             return kEmpty;
           }
           ++hops_;
@@ -213,57 +236,57 @@ class ValueWalker {
 
   // The request's key set `i` over a branch: an object of what each key gave.
   Slot walkKeySet(Slot node, std::size_t i) {
-    const KeySet& keys = (*path_)[i];
-    if (i + 1 == path_->size()) {
-      const Slot shared = sharedWhole(node, keys);
+    if (i + 1 == path_->size() && !probes_[i].empty()) {
+      const Slot shared = sharedWhole(node, probes_[i]);
       if (shared != kEmpty) return shared;
     }
     ObjectBuilder builder;
-    forEachKey(keys, [&](std::string_view key) {
+    auto visit = [&](const KeyProbe& probe) {
       if (failure_) return;
-      const Slot child = childOf(node, key);
+      const std::string_view key = probe.text;
+      const Slot child = childOf(node, probe);
       if (child == kEmpty) {
         missingRequested(key, i);
         return;
       }
-      requested_.emplace_back(key);
-      optimized_.emplace_back(key);
+      requested_.push_back(key);
+      optimized_.push_back(key);
       const Slot value = walk(child, i + 1);
       requested_.pop_back();
       optimized_.pop_back();
-      if (value != kEmpty) builder.add(makeString(key), value);
-    });
+      if (value != kEmpty) builder.add(probe.inlineSlot != kEmpty ? probe.inlineSlot : makeString(key), value);
+    };
+    forEachProbe(i, visit);
     if (failure_) return kEmpty;
     return builder.build();
+  }
+
+  // Calls `f(probe)` for every key of the request's set `i`.
+  template <class F>
+  void forEachProbe(std::size_t i, F& f) const {
+    if (!probes_[i].empty() || (*path_)[i].empty()) {
+      for (const KeyProbe& probe : probes_[i]) f(probe);
+      return;
+    }
+    forEachKey((*path_)[i], [&](std::string_view key) { f(KeyProbe(key)); });
   }
 
   // When the last key set names exactly the keys of a small object whose
   // values are all primitives or metadata-free atoms, the object read as a
   // JSON value is the answer itself: it is shared, not rebuilt.
-  Slot sharedWhole(Slot node, const KeySet& keys) const {
+  Slot sharedWhole(Slot node, const std::vector<KeyProbe>& probes) const {
     if (!isPlainNode(node, NodeKind::SmallObject)) return kEmpty;
     const auto* o = reinterpret_cast<const SmallObjectNode*>(nodeOf(node));
     const std::uint32_t n = o->shape->count;
-    if (n == 0) return kEmpty;
+    if (n == 0 || probes.size() > n) return kEmpty;
     std::uint32_t seen = 0;
-    bool ok = true;
-    std::size_t count = 0;
-    forEachKey(keys, [&](std::string_view key) {
-      if (!ok) return;
-      if (++count > n) {
-        ok = false;
-        return;
-      }
-      const KeyProbe probe(key);
+    for (const KeyProbe& probe : probes) {
       std::uint32_t j = 0;
       while (j < n && !probe.matches(o->shape->keys[j])) ++j;
-      if (j == n) {
-        ok = false;
-        return;
-      }
+      if (j == n) return kEmpty;
       seen |= 1u << j;
-    });
-    if (!ok || seen != (n == 32 ? ~0u : (1u << n) - 1)) return kEmpty;
+    }
+    if (seen != (n == 32 ? ~0u : (1u << n) - 1)) return kEmpty;
     for (std::uint32_t j = 0; j < n; ++j) {
       if (!isTerminalPlain(o->values[j])) return kEmpty;
     }
@@ -275,8 +298,12 @@ class ValueWalker {
   const bool checkExpiry_;
   const double nowMs_;
   const Path* path_ = nullptr;
-  std::vector<std::string> requested_;
-  std::vector<std::string> optimized_;
+  // Keys consumed so far, as views: of the request's keys, of the range
+  // expansion being walked (alive while its key is), or of reference paths in the graph.
+  std::vector<std::string_view> requested_;
+  std::vector<std::string_view> optimized_;
+  // Probes of the request's key sets that hold no range, made once per path.
+  std::vector<std::vector<KeyProbe>> probes_;
   std::size_t optimizedBase_ = 0;  // where the optimized keys of the innermost reference start
   std::vector<Pending> pending_;   // innermost reference last
   std::size_t hops_ = 0;
@@ -521,8 +548,9 @@ Slot invalidateArray(Slot array, const PathTree& tree) {
   std::vector<Slot> items(a->items, a->items + a->count);
   for (Slot s : items) retain(s);
   bool changed = false;
-  for (const auto& [keys, sub] : tree.entries()) {
-    forEachKey(keys, [&](std::string_view key) {
+  for (const PathTree::Entry& entry : tree.entries()) {
+    const PathTree& sub = entry.second;
+    forEachKey(entry.first, [&](std::string_view key) {
       std::size_t index;
       if (!parseIndex(key, &index) || index >= items.size() || items[index] == kEmpty) return;
       const Slot next = invalidateChild(items[index], sub);

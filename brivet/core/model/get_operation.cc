@@ -1,0 +1,117 @@
+#include <memory>
+#include <utility>
+
+#include "brivet/core/model/internal/operation_support.h"
+#include "brivet/core/model/internal/subscription_slot.h"
+#include "brivet/core/model/operations.h"
+
+namespace brivet {
+
+namespace {
+
+using internal::Read;
+
+// The state a get subscription keeps while it waits for the data source.
+struct GetRun : internal::Run {
+  GetRun(const GetOperation& operation, Observer observer, std::uint64_t streamID)
+      : Run(operation.model(), std::move(observer), streamID), operation(operation) {}
+
+  const GetOperation operation;
+  JSONValue cached;       // V
+  PathTree missing;       // M
+  std::string requested;  // O's key paths (signposts)
+};
+
+void handleResponse(GetRun& run, const BrivetResult<DataSourceResponse>& result) {
+  if (const DataSourceResponse* response = result.value()) {
+    const std::uint64_t cacheID =
+        internal::beginInterval(internal::cacheLog(), "method=%@, path=%@", "get", run.requested);
+    Read read;
+    if (run.operation.skipCacheMerge()) {
+      read = internal::readGraph(response->jsonGraph, run.missing);
+    } else {
+      CacheProtocol& cache = *run.model().cache();
+      cache.merge(response->jsonGraph);  // a barrier on the cache queue, so the read below sees it
+      read = internal::readCache(cache, run.missing, /*checkExpiry=*/false);
+    }
+    run.accumulate(read.error);
+    run.progress(JSONValue::merge(read.value, run.cached), response->context);
+    internal::endInterval(internal::cacheLog(), cacheID, "miss=%lu",
+                          internal::hasTopLevelEntry(read.missing) ? 1u : 0u);
+  } else if (const StreamError* error = result.error()) {
+    run.dataSourceFailed(*error);
+  } else {
+    run.dataSourceCompleted();
+  }
+}
+
+void runGet(const GetOperation& operation, std::uint64_t streamID,
+            const std::shared_ptr<internal::SubscriptionSlot>& slot, Stream<JSONEnvelope>::Observer observer) {
+  if (slot->isCancelled()) return;  // nobody is listening any more
+  auto run = std::make_shared<GetRun>(operation, std::move(observer), streamID);
+  const InternalModel& model = operation.model();
+
+  const std::uint64_t cacheID = internal::beginInterval(internal::cacheLog(), "method=%@, path=%@", "get",
+                                                        internal::tracedKeyPaths(operation.pathTree()));
+  Read read = internal::readCache(*model.cache(), operation.pathTree(), /*checkExpiry=*/true);
+  PathTree missingOptimized = std::move(read.missingOptimized);
+  run->missing = std::move(read.missing);
+  if (operation.forceRefresh()) {
+    run->missing = operation.pathTree();
+    missingOptimized = operation.pathTree();
+  }
+  const bool miss = internal::hasTopLevelEntry(run->missing);
+  const bool completed = !miss || model.dataSource() == nullptr;
+  internal::endInterval(internal::cacheLog(), cacheID, "miss=%lu", miss ? 1u : 0u);
+
+  if (completed || operation.progressive()) {
+    run->progress(read.value);
+    run->progressEvent(operation.progressive(), completed);
+    if (completed) {
+      run->finishFromCache(read.error);
+      return;
+    }
+  }
+  // A read error is not reported when a request follows: the answer replaces what the cache held.
+  run->cached = std::move(read.value);
+  run->requested = internal::tracedKeyPaths(missingOptimized);
+  run->beginDataSource("get", run->requested);
+  std::shared_ptr<Stream<DataSourceResponse>> responses =
+      model.dataSource()->get(missingOptimized)->observeOn(taskQueue());
+  slot->store(
+      responses->subscribe([run](const BrivetResult<DataSourceResponse>& result) { handleResponse(*run, result); }));
+}
+
+}  // namespace
+
+GetOperation::GetOperation(InternalModel model, PathTree pathTree, bool progressive, bool forceRefresh,
+                           bool skipCacheMerge)
+    : model_(std::move(model)),
+      pathTree_(std::move(pathTree)),
+      progressive_(progressive),
+      forceRefresh_(forceRefresh),
+      skipCacheMerge_(skipCacheMerge) {}
+
+GetOperation GetOperation::progressively() const {
+  return GetOperation(model_, pathTree_, true, forceRefresh_, skipCacheMerge_);
+}
+GetOperation GetOperation::refresh() const {
+  return GetOperation(model_, pathTree_, progressive_, true, skipCacheMerge_);
+}
+GetOperation GetOperation::skipMerge() const {
+  return GetOperation(model_, pathTree_, progressive_, forceRefresh_, true);
+}
+
+std::shared_ptr<Stream<JSONEnvelope>> GetOperation::asStream() const {
+  const std::uint64_t streamID =
+      internal::beginInterval(internal::streamLog(), "method=%@, progressive=%lu, refresh=%lu, path=%@", "get",
+                              progressive_ ? 1u : 0u, forceRefresh_ ? 1u : 0u, internal::tracedKeyPaths(pathTree_));
+  auto slot = std::make_shared<internal::SubscriptionSlot>();
+  return Stream<JSONEnvelope>::create(
+      [operation = *this, streamID, slot](Stream<JSONEnvelope>::Observer observer) {
+        runGet(operation, streamID, slot, std::move(observer));
+      },
+      [slot] { slot->cancel(); });
+}
+
+}  // namespace brivet

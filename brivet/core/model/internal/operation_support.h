@@ -1,0 +1,112 @@
+// What the get, set and call pipelines share: their signposts, cache reads,
+// error accumulation and the terminal rules of a data-source response.
+//
+// Internal to the core model. A `Run` belongs to one subscription; its
+// members are touched only from the task queue.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "brivet/core/cache/cache.h"
+#include "brivet/core/model/model.h"
+#include "brivet/core/model/stream.h"
+#include "brivet/core/values/brivet_error.h"
+#include "brivet/core/values/json_envelope.h"
+#include "brivet/core/values/json_value.h"
+#include "brivet/core/values/path_tree.h"
+#include "brivet/platform/format.h"
+#include "brivet/platform/signpost.h"
+
+namespace brivet::internal {
+
+// The core's three signpost logs, enabled when "SIGNPOSTS_FOR_BRIVET" was
+// present at the first use in the process.
+const SignpostLog& streamLog();
+const SignpostLog& cacheLog();
+const SignpostLog& dataSourceLog();
+
+// Begins an interval named after the log's category; the message is only
+// formatted when the log is enabled. Answers the identifier (0 when disabled).
+template <class... Args>
+std::uint64_t beginInterval(const SignpostLog& log, std::string_view format, const Args&... args) {
+  const std::uint64_t id = log.generateID();
+  if (id != 0) log.intervalBegin(id, log.category(), formatString(format, args...));
+  return id;
+}
+template <class... Args>
+void endInterval(const SignpostLog& log, std::uint64_t id, std::string_view format, const Args&... args) {
+  if (id != 0) log.intervalEnd(id, log.category(), formatString(format, args...));
+}
+template <class... Args>
+void signpostEvent(const SignpostLog& log, std::uint64_t id, std::string_view format, const Args&... args) {
+  if (id != 0) log.event(id, log.category(), formatString(format, args...));
+}
+
+// The tree's key paths joined with ", " (signpost arguments).
+std::string joinedKeyPaths(const PathTree& tree);
+// The same when signposts are on, else nothing (so untraced runs never join paths).
+std::string tracedKeyPaths(const PathTree& tree);
+// Whether a missing tree names anything: an object or key set with a top-level entry.
+bool hasTopLevelEntry(const PathTree& tree);
+
+// A value read: on failure the value is an empty object and nothing is missing.
+struct Read {
+  JSONValue value = JSONValue::emptyObject();
+  PathTree missing;
+  PathTree missingOptimized;
+  std::optional<BrivetError> error;
+};
+// Reads the cache inside a synchronous block on the cache queue, so the read
+// sees every write requested before it.
+Read readCache(const CacheProtocol& cache, const PathTree& tree, bool checkExpiry);
+// A snapshot taken inside a synchronous block on the cache queue: beside other
+// readers, never beside a write, so graph and version belong together.
+CacheEnvelope snapshotCache(const CacheProtocol& cache, const std::optional<PathTree>& tree);
+// Reads a stand-alone graph (a response), expiry not consulted.
+Read readGraph(const JSONGraph& graph, const PathTree& tree);
+
+// One subscription of an operation stream.
+class Run {
+ public:
+  using Observer = Stream<JSONEnvelope>::Observer;
+
+  Run(InternalModel model, Observer observer, std::uint64_t streamID)
+      : model_(std::move(model)), observer_(std::move(observer)), streamID_(streamID) {}
+
+  const InternalModel& model() const { return model_; }
+
+  void progress(JSONValue json, std::optional<JSONValue> context = std::nullopt) const {
+    observer_(BrivetResult<JSONEnvelope>::progress(JSONEnvelope{std::move(json), std::move(context)}));
+  }
+  // The "progressive=%lu, completed=%lu" event on the Stream log.
+  void progressEvent(bool progressive, bool completed) const;
+  // Ends a run answered from the cache: failure with the read's error, else complete.
+  void finishFromCache(const std::optional<BrivetError>& error) const;
+  // Completes without a data source, closing the Stream interval.
+  void complete() const;
+
+  // Opens the DataSource interval before the request.
+  void beginDataSource(std::string_view method, const std::string& path);
+  // Gathers an error found in reading an answer back.
+  void accumulate(const std::optional<BrivetError>& error);
+  // The terminal rules of a data-source response: a failure is passed on; at
+  // completion, the gathered error if any, else complete.
+  void dataSourceFailed(const StreamError& error) const;
+  void dataSourceCompleted() const;
+
+ private:
+  void fail(const std::string& logPrefix, const StreamError& error, bool closeDataSource) const;
+
+  InternalModel model_;
+  Observer observer_;
+  std::uint64_t streamID_;
+  std::uint64_t dataSourceID_ = 0;
+  std::optional<BrivetError> accumulated_;
+};
+
+}  // namespace brivet::internal

@@ -1,0 +1,93 @@
+#include <memory>
+#include <utility>
+
+#include "brivet/core/model/internal/operation_support.h"
+#include "brivet/core/model/internal/subscription_slot.h"
+#include "brivet/core/model/operations.h"
+
+namespace brivet {
+
+namespace {
+
+using internal::Read;
+
+struct SetRun : internal::Run {
+  SetRun(const SetOperation& operation, Observer observer, std::uint64_t streamID, std::string paths)
+      : Run(operation.model(), std::move(observer), streamID), operation(operation), paths(std::move(paths)) {}
+
+  const SetOperation operation;
+  const std::string paths;  // the written key paths (signposts)
+  JSONValue written;        // V: the written paths read back after the local write
+};
+
+// Merges `graph` and reads the written paths back, inside a Cache interval.
+Read writeAndRead(const SetRun& run, const JSONGraph& graph) {
+  const std::uint64_t cacheID = internal::beginInterval(internal::cacheLog(), "method=%@, path=%@", "set", run.paths);
+  CacheProtocol& cache = *run.model().cache();
+  cache.merge(graph);
+  Read read = internal::readCache(cache, run.operation.pathTree(), /*checkExpiry=*/false);
+  internal::endInterval(internal::cacheLog(), cacheID, "miss=%lu", internal::hasTopLevelEntry(read.missing) ? 1u : 0u);
+  return read;
+}
+
+void handleResponse(SetRun& run, const BrivetResult<DataSourceResponse>& result) {
+  if (const DataSourceResponse* response = result.value()) {
+    Read read = writeAndRead(run, response->jsonGraph);
+    run.accumulate(read.error);
+    // A progressive subscriber already holds the optimistic value; an answer that keeps it is not news.
+    if (!(run.operation.progressive() && read.value == run.written)) run.progress(read.value, response->context);
+  } else if (const StreamError* error = result.error()) {
+    run.dataSourceFailed(*error);
+  } else {
+    run.dataSourceCompleted();
+  }
+}
+
+void runSet(const SetOperation& operation, std::uint64_t streamID,
+            const std::shared_ptr<internal::SubscriptionSlot>& slot, Stream<JSONEnvelope>::Observer observer) {
+  if (slot->isCancelled()) return;  // cancelled before it ran: nothing is written
+  auto run = std::make_shared<SetRun>(operation, std::move(observer), streamID,
+                                      internal::tracedKeyPaths(operation.pathTree()));
+  const InternalModel& model = operation.model();
+
+  Read read = writeAndRead(*run, operation.jsonGraph());
+  const bool completed = model.dataSource() == nullptr;
+  if (completed || operation.progressive()) {
+    run->progress(read.value);
+    run->progressEvent(operation.progressive(), completed);
+    if (completed) {
+      run->finishFromCache(read.error);
+      return;
+    }
+  }
+  run->written = std::move(read.value);
+  run->beginDataSource("set", run->paths);
+  std::shared_ptr<Stream<DataSourceResponse>> responses =
+      model.dataSource()->set(operation.jsonGraph())->observeOn(taskQueue());
+  slot->store(
+      responses->subscribe([run](const BrivetResult<DataSourceResponse>& result) { handleResponse(*run, result); }));
+}
+
+}  // namespace
+
+SetOperation::SetOperation(InternalModel model, JSONGraph jsonGraph, bool progressive)
+    : model_(std::move(model)),
+      jsonGraph_(std::move(jsonGraph)),
+      pathTree_(PathTree::fromGraph(jsonGraph_)),
+      progressive_(progressive) {}
+
+SetOperation SetOperation::progressively() const { return SetOperation(model_, jsonGraph_, true); }
+
+std::shared_ptr<Stream<JSONEnvelope>> SetOperation::asStream() const {
+  const std::uint64_t streamID =
+      internal::beginInterval(internal::streamLog(), "method=%@, progressive=%lu, refresh=%lu, path=%@", "set",
+                              progressive_ ? 1u : 0u, 0u, internal::tracedKeyPaths(pathTree_));
+  auto slot = std::make_shared<internal::SubscriptionSlot>();
+  return Stream<JSONEnvelope>::create(
+      [operation = *this, streamID, slot](Stream<JSONEnvelope>::Observer observer) {
+        runSet(operation, streamID, slot, std::move(observer));
+      },
+      [slot] { slot->cancel(); });
+}
+
+}  // namespace brivet
