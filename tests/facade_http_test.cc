@@ -87,7 +87,7 @@ TEST_F(FacadeOverHTTPTest, ServerFailuresReachTheCompletionAsErrors) {
   });
   const Answer failed = get({"lists.top.0.title"});
   ASSERT_TRUE(failed.error);
-  EXPECT_EQ(failed.error->domain(), kHTTPErrorDomain);
+  EXPECT_EQ(failed.error->domain(), httpErrorDomain());
   EXPECT_EQ(failed.error->code(), 500);
   EXPECT_EQ(failed.error->userInfo()[kHTTPErrorBodyKey]["message"].stringValue(), "maintenance");
 

@@ -6,7 +6,7 @@
 namespace brivet {
 
 Error httpError(HTTPErrorCode code, std::string message) {
-  return Error::withDescription(std::string(kHTTPErrorDomain), static_cast<std::int64_t>(code), std::move(message));
+  return Error::withDescription(httpErrorDomain(), static_cast<std::int64_t>(code), std::move(message));
 }
 
 Result<std::string> encodeJSONParameters(const Object& parameters) {
@@ -43,11 +43,7 @@ Result<Object> decodeJSONAnswer(const Result<HTTPResponse, HTTPTransportError>& 
   Result<Object> document = parseJSON(response.body, options);
   if (response.statusCode >= 400) {
     const Object body = document.ok() ? document.value() : Object(response.body);
-    const std::string text = "The server answered with HTTP status " + std::to_string(response.statusCode) + ".";
-    return Error(std::string(kHTTPErrorDomain), response.statusCode,
-                 Object::dictionary({{Object(kLocalizedDescriptionKey), Object(text)},
-                                     {Object(kHTTPStatusCodeKey), Object(static_cast<std::int64_t>(response.statusCode))},
-                                     {Object(kHTTPErrorBodyKey), body}}));
+    return httpFailure(response.statusCode, body);
   }
   if (!document.ok()) {
     return httpError(HTTPErrorCode::NotJSON,

@@ -6,11 +6,17 @@
 // server reads them back the same way.
 //
 // Answers are JSON documents. Every way an answer can fail becomes an `Error`
-// in `kHTTPErrorDomain`: an HTTP status of 400 or more (the code is the
-// status; the user info holds the status under `kHTTPStatusCodeKey` and the
-// error body - parsed JSON when it is JSON, else its text - under
-// `kHTTPErrorBodyKey`), a body that is not JSON, a refused connection, a
-// timeout, a cancelled request or an answer too large (negative codes below).
+// in the domain `httpErrorDomain()` ("io.brivet.Brivet.HTTP"): an HTTP status
+// of 400 or more is `httpFailure(status, body)` (the code is the status; the
+// user info holds the status under `kHTTPStatusCodeKey` and the error body -
+// parsed JSON when it is JSON, else its text - under `kHTTPErrorBodyKey`), so
+// the core model reads its reason from the body; a body that is not JSON, a
+// refused connection, a timeout, a cancelled request or an answer too large
+// have the negative codes below.
+//
+// The core model's client is stricter than the data source it serves: an
+// answer without a "jsonGraph" object would silently give no value, so it
+// fails with `NotJSONGraph` and the application hears what went wrong.
 #pragma once
 
 #include <cstdint>
@@ -18,16 +24,13 @@
 #include <string_view>
 
 #include "brivet/adapters/http_transport.h"
+#include "brivet/core/datasource/data_source.h"
 #include "brivet/platform/error.h"
 #include "brivet/platform/json.h"
 #include "brivet/platform/object.h"
 #include "brivet/platform/result.h"
 
 namespace brivet {
-
-inline constexpr std::string_view kHTTPErrorDomain = "io.brivet.Brivet.HTTP";
-inline constexpr std::string_view kHTTPStatusCodeKey = "statusCode";
-inline constexpr std::string_view kHTTPErrorBodyKey = "errorBody";
 
 enum class HTTPErrorCode : std::int64_t {
   ConnectionFailed = -1,
@@ -37,6 +40,7 @@ enum class HTTPErrorCode : std::int64_t {
   NotJSON = -5,
   BadParameters = -6,
   TransferFailed = -7,
+  NotJSONGraph = -8,  // JSON, but not the object with a "jsonGraph" object that the core model reads
 };
 
 // "k1=v1&k2=v2" with every value of the dictionary written as JSON text; an

@@ -7,7 +7,7 @@
 // expects) and hands it to the model's completion. Failures - an HTTP status
 // of 400 or more with its error body, an answer that is not JSON, a refused
 // connection, a timeout - reach the completion as errors in
-// `kHTTPErrorDomain`. Each request answers a subscription object whose cancel
+// `httpErrorDomain()`. Each request answers a subscription object whose cancel
 // aborts the transfer (the completion then receives the cancellation error).
 //
 // Create it with `create`, keep the shared pointer (models hold data sources
