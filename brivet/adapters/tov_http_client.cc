@@ -46,7 +46,7 @@ class PendingRequest {
 }  // namespace
 
 std::shared_ptr<TovHTTPClient> TovHTTPClient::create(Options options) {
-  return std::shared_ptr<TovHTTPClient>(new TovHTTPClient(HTTPTransport::create(options.transport)));
+  return std::shared_ptr<TovHTTPClient>(new TovHTTPClient(HTTPTransport::create(options.transport), std::move(options.observer)));
 }
 
 std::shared_ptr<TovHTTPDataSourceResponseStream> TovHTTPClient::GET(const std::string& url, const Object& parameters) {
@@ -64,8 +64,8 @@ std::shared_ptr<TovHTTPDataSourceResponseStream> TovHTTPClient::request(HTTPRequ
   auto pending = std::make_shared<PendingRequest>();
   // The stream keeps the transport alive while its request is pending, even
   // if the application drops the client meanwhile.
-  auto task = [transport = transport_, pending, method, url, parameters](ProgressBlock progress,
-                                                                          CompletionBlock completion) {
+  auto task = [transport = transport_, observer = observer_, pending, method, url, parameters](
+                  ProgressBlock progress, CompletionBlock completion) {
     Result<std::string> encoded = encodeJSONParameters(parameters);
     if (!encoded.ok()) {
       if (completion) completion(encoded.error());
@@ -79,12 +79,26 @@ std::shared_ptr<TovHTTPDataSourceResponseStream> TovHTTPClient::request(HTTPRequ
       request.url = url;
       request.body = std::move(encoded).value();
     }
+    const auto sent = std::chrono::steady_clock::now();
+    Exchange exchange;
+    exchange.method = method;
+    exchange.url = request.url;
     pending->start(*transport, std::move(request),
-                   [progress = std::move(progress), completion = std::move(completion)](auto answer) {
+                   [progress = std::move(progress), completion = std::move(completion), observer,
+                    exchange = std::move(exchange), sent](auto answer) mutable {
                      Result<Object> document = decodeJSONAnswer(answer, JSONReadingOptions::None);
                      if (document.ok() && !document.value()["jsonGraph"].isDictionary()) {
                        document = httpError(HTTPErrorCode::NotJSONGraph,
                                             "The server's answer is not an object with a \"jsonGraph\" object.");
+                     }
+                     const bool cancelled =
+                         !answer.ok() && answer.error().kind == HTTPTransportError::Kind::Cancelled;
+                     if (observer && !cancelled) {
+                       exchange.elapsed = std::chrono::duration_cast<std::chrono::microseconds>(
+                           std::chrono::steady_clock::now() - sent);
+                       exchange.responseBytes = answer.ok() ? answer.value().body.size() : 0;
+                       if (!document.ok()) exchange.failure = document.error();
+                       observer(exchange);
                      }
                      if (!document.ok()) {
                        if (completion) completion(document.error());

@@ -15,18 +15,34 @@
 // Safe to use from any thread.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "brivet/adapters/http_transport.h"
 #include "brivet/core/model/tov_protocols.h"
+#include "brivet/platform/error.h"
 
 namespace brivet {
 
 class TovHTTPClient final : public TovHTTPClientProtocol {
  public:
+  // One finished request, as an observer sees it.
+  struct Exchange {
+    HTTPRequest::Method method = HTTPRequest::Method::GET;
+    std::string url;
+    std::chrono::microseconds elapsed{0};  // from sending to the answer decoded
+    std::size_t responseBytes = 0;
+    std::optional<Error> failure;  // as the model receives it
+  };
   struct Options {
     HTTPTransport::Options transport;
+    // Told about every finished request (not cancelled ones), on the network
+    // thread, before the model hears the answer: keep it short.
+    std::function<void(const Exchange&)> observer;
   };
 
   static std::shared_ptr<TovHTTPClient> create(Options options);
@@ -36,11 +52,13 @@ class TovHTTPClient final : public TovHTTPClientProtocol {
   std::shared_ptr<TovHTTPDataSourceResponseStream> POST(const std::string& url, const Object& parameters) override;
 
  private:
-  explicit TovHTTPClient(std::shared_ptr<HTTPTransport> transport) : transport_(std::move(transport)) {}
+  TovHTTPClient(std::shared_ptr<HTTPTransport> transport, std::function<void(const Exchange&)> observer)
+      : transport_(std::move(transport)), observer_(std::move(observer)) {}
   std::shared_ptr<TovHTTPDataSourceResponseStream> request(HTTPRequest::Method method, const std::string& url,
                                                            const Object& parameters);
 
   const std::shared_ptr<HTTPTransport> transport_;
+  const std::function<void(const Exchange&)> observer_;
 };
 
 }  // namespace brivet
