@@ -18,6 +18,9 @@ build: bootstrap
 	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBRIVET_WERROR=ON >/dev/null
 	@cmake --build $(BUILD)
 
+demo: build
+	@./$(BUILD)/tools/brivet demo --trace $(BUILD)/brivet-demo-trace.json
+
 test: build
 	@$(CTEST) $(BUILD)
 
