@@ -110,8 +110,9 @@ struct HTTPTransport::Loop : std::enable_shared_from_this<HTTPTransport::Loop> {
                                                                                "request cancelled"}});
       if (stop) {
         while (!active.empty()) {
-          end(active.begin()->second,
-              Failure{HTTPTransportError{HTTPTransportError::Kind::Cancelled, "transport stopped"}});
+          // A copy: `end` erases the map's entry, which must not own the transfer it is ending.
+          const std::shared_ptr<Transfer> transfer = active.begin()->second;
+          end(transfer, Failure{HTTPTransportError{HTTPTransportError::Kind::Cancelled, "transport stopped"}});
         }
         return;  // the multi handle is released with the loop, once no thread can wake it
 
