@@ -13,6 +13,7 @@ using internal::Metadata;
 using internal::MetaDateKind;
 using internal::Slot;
 using internal::SlotRef;
+using internal::parseIndex;
 
 namespace {
 
@@ -163,18 +164,6 @@ void describeGraph(Slot s, std::string& out) {
     }
     out += ']';
   }
-}
-
-// Index keys of arrays, for lookups by text.
-bool parseIndex(std::string_view key, std::size_t* index) {
-  if (key.empty() || key.size() > 10 || (key.size() > 1 && key[0] == '0')) return false;
-  std::size_t v = 0;
-  for (char c : key) {
-    if (c < '0' || c > '9') return false;
-    v = v * 10 + static_cast<std::size_t>(c - '0');
-  }
-  *index = v;
-  return true;
 }
 
 }  // namespace

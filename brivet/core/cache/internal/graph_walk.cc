@@ -11,18 +11,6 @@
 namespace brivet::internal {
 namespace {
 
-// A decimal array index in its one canonical form ("0", "17"; never "017").
-bool parseIndex(std::string_view key, std::size_t* index) {
-  if (key.empty() || key.size() > 10 || (key.size() > 1 && key[0] == '0')) return false;
-  std::size_t v = 0;
-  for (char c : key) {
-    if (c < '0' || c > '9') return false;
-    v = v * 10 + static_cast<std::size_t>(c - '0');
-  }
-  *index = v;
-  return true;
-}
-
 // The child of a branch under a text key (arrays by index), borrowed; kEmpty when absent.
 Slot childOf(Slot branch, std::string_view key) {
   if (isObjectSlot(branch)) return objectFind(branch, KeyProbe(key));

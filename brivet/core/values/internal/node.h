@@ -311,6 +311,19 @@ struct LeafNode {
   std::int64_t field(MetaField f) const { return fields[popcount32(present & ((1u << f) - 1))]; }
 };
 
+// An array index written as a key, in its one canonical decimal form ("0",
+// "17"; never "017", "-1" or "+1"): array lookups by text accept only these.
+inline bool parseIndex(std::string_view key, std::size_t* index) {
+  if (key.empty() || key.size() > 10 || (key.size() > 1 && key[0] == '0')) return false;
+  std::size_t v = 0;
+  for (char c : key) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + static_cast<std::size_t>(c - '0');
+  }
+  *index = v;
+  return true;
+}
+
 std::size_t objectSize(Slot object);
 // The value under `key`, borrowed from the object, or kEmpty.
 Slot objectFind(Slot object, const KeyProbe& key);
