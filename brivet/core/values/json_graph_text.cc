@@ -12,6 +12,7 @@
 
 #include "brivet/core/values/json_graph.h"
 #include "brivet/platform/internal/rapidjson.h"
+#include "brivet/platform/internal/utf8.h"
 
 namespace brivet {
 
@@ -19,51 +20,9 @@ using internal::Entry;
 using internal::KeyProbe;
 using internal::Slot;
 using internal::SlotRef;
+using internal::isValidUTF8;
 
 namespace {
-
-bool isValidUTF8(std::string_view s) {
-  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-  const auto* end = p + s.size();
-  while (p < end) {
-    if (end - p >= 8) {
-      std::uint64_t word;
-      std::memcpy(&word, p, 8);
-      if ((word & 0x8080808080808080ULL) == 0) {
-        p += 8;
-        continue;
-      }
-    }
-    const unsigned c = *p;
-    if (c < 0x80) {
-      ++p;
-      continue;
-    }
-    std::size_t n;
-    unsigned cp;
-    if ((c & 0xE0) == 0xC0) {
-      n = 1;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      n = 2;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      n = 3;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (static_cast<std::size_t>(end - p) <= n) return false;
-    for (std::size_t i = 1; i <= n; ++i) {
-      if ((p[i] & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (p[i] & 0x3F);
-    }
-    const bool overlong = (n == 1 && cp < 0x80) || (n == 2 && cp < 0x800) || (n == 3 && cp < 0x10000);
-    if (overlong || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-    p += n + 1;
-  }
-  return true;
-}
 
 const KeyProbe& typeKey() {
   static const KeyProbe probe("$type");
