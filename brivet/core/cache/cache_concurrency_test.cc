@@ -106,6 +106,8 @@ TEST_F(CacheConcurrencyTest, TheVersionStepsOncePerChangingWriteInOrder) {
         }
       },
       [&] { cache_->getJSON({PathTree::parsePath("a.n")}); });
+  // The last recording block follows the last write: wait for it before reading `seen`.
+  cacheQueue()->sync([] {});
   EXPECT_EQ(seen, (std::vector<std::uint64_t>{51, 101, 151, 201}));
 }
 
