@@ -2,12 +2,14 @@
 #   make demo   bootstrap, build, and walk through what Brivet does
 #   make test   bootstrap, build with GCC (warnings are errors) and run every test
 # Also: make test-asan (Clang, AddressSanitizer + UndefinedBehaviorSanitizer),
-#       make test-tsan (Clang, ThreadSanitizer), make bench (all benchmarks).
+#       make test-tsan (Clang, ThreadSanitizer), make bench (all benchmarks),
+#       make fuzz (every libFuzzer target for FUZZ_SECONDS each, after replaying its corpus).
 BUILD ?= build
 JOBS  ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
 CTEST  = ctest --output-on-failure --no-tests=error -j $(JOBS) --test-dir
 
-.PHONY: all bootstrap build test test-asan test-tsan bench demo clean
+.PHONY: all bootstrap build test test-asan test-tsan bench fuzz demo clean
 
 all: build
 
@@ -41,5 +43,8 @@ bench: bootstrap
 	@cmake --build build-release --target brivet_benchmarks
 	@./build-release/brivet_benchmarks $(BENCH_ARGS)
 
+fuzz: bootstrap
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) ./scripts/fuzz.sh
+
 clean:
-	rm -rf $(BUILD) build-asan build-tsan build-release
+	rm -rf $(BUILD) build-asan build-tsan build-release build-fuzz

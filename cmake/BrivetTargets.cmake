@@ -41,6 +41,10 @@ function(brivet_apply_sanitizers target)
     endif()
     target_link_options(${target} PRIVATE -fsanitize=${BRIVET_SANITIZE})
   endif()
+  if(BRIVET_BUILD_FUZZERS)
+    # Coverage feedback for libFuzzer from every target, not only the harness.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
 endfunction()
 
 function(brivet_add_library name)
@@ -84,6 +88,44 @@ function(brivet_add_test name)
        "                       ENVIRONMENT [==[${environment}]==])\n"
        "endforeach()\n")
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${properties_script}")
+endfunction()
+
+# libFuzzer targets, built only with -DBRIVET_BUILD_FUZZERS=ON (Clang; the fuzz build also sets
+# BRIVET_SANITIZE=address,undefined so every library is instrumented).
+#
+#   brivet_add_fuzzer(<name> SOURCES <x_fuzzer.cc> ... [DEPS ...])
+#       -> executable brivet_<name>_fuzzer; its seed corpus is the folder corpus/<name>/ beside the
+#          CMakeLists.txt that declares it. Each fuzzer is listed in <build>/fuzzers.txt
+#          ("<name> <binary> <seed corpus>") for scripts/fuzz.sh, and CTest replays its seed corpus
+#          (test fuzz_replay_<name>, label fuzz).
+function(brivet_add_fuzzer name)
+  if(NOT BRIVET_BUILD_FUZZERS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  set(target brivet_${name}_fuzzer)
+  set(corpus "${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name}")
+  add_executable(${target} ${ARG_SOURCES})
+  target_link_libraries(${target} PRIVATE ${ARG_DEPS})
+  target_compile_options(${target} PRIVATE -fsanitize=fuzzer)
+  target_link_options(${target} PRIVATE -fsanitize=fuzzer)
+  brivet_apply_warnings(${target})
+  brivet_apply_sanitizers(${target})
+  set_property(GLOBAL APPEND PROPERTY BRIVET_FUZZERS "${name} $<TARGET_FILE:${target}> ${corpus}")
+  if(BRIVET_BUILD_TESTS OR BRIVET_BUILD_FUZZERS)
+    add_test(NAME fuzz_replay_${name} COMMAND ${target} -runs=0 ${corpus})
+    set_tests_properties(fuzz_replay_${name} PROPERTIES LABELS fuzz TIMEOUT 600
+                         ENVIRONMENT "${BRIVET_SANITIZER_ENVIRONMENT}")
+  endif()
+endfunction()
+
+function(brivet_finish_fuzzers)
+  if(NOT BRIVET_BUILD_FUZZERS)
+    return()
+  endif()
+  get_property(lines GLOBAL PROPERTY BRIVET_FUZZERS)
+  list(JOIN lines "\n" text)
+  file(GENERATE OUTPUT "${CMAKE_BINARY_DIR}/fuzzers.txt" CONTENT "${text}\n")
 endfunction()
 
 function(brivet_add_benchmark)
