@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "brivet/testing/catalogue.h"
+#include "brivet/testing/hard_numbers.h"
 
 namespace brivet {
 namespace {
@@ -163,6 +164,27 @@ TEST(JSONGraphTextTest, ReadingMatchesParseThenConvert) {
   expectSameAsGeneralRoad("\"fragment\"", JSONReadingOptions::None);
   expectSameAsGeneralRoad(std::string(513, '[') + std::string(513, ']'));
   expectSameAsGeneralRoad(std::string(512, '[') + std::string(512, ']'));
+}
+
+TEST(JSONGraphTextTest, HostileScalarsAreReadOrRefusedAsByTheGeneralRoad) {
+  // Numbers in a leaf value, a bare leaf and metadata; both readers must agree on every one.
+  for (const std::string& number : testing::hardNumberTexts(99)) {
+    expectSameAsGeneralRoad(R"({"a":{"$type":"atom","value":)" + number + R"(,"$size":)" + number + "},\"b\":[" +
+                            number + "]}");
+  }
+  std::string control = R"({"k":{"$type":"atom","value":"0123456789abcdefghijklmnop"}})";
+  for (const std::size_t at : {4u, 30u, 44u}) {
+    for (const char c : {'\x01', '\x1a', '\x1f', '\t'}) {
+      std::string text = control;
+      text[at] = c;
+      expectSameAsGeneralRoad(text);
+      EXPECT_FALSE(JSONGraph::fromJSONText(text).ok()) << at;
+    }
+  }
+  for (const char* text : {R"({"a":"\udc00"})", R"({"\udfff":1})", R"({"a":{"$type":"atom","value":["\ud800"]}})"}) {
+    expectSameAsGeneralRoad(text);
+    EXPECT_FALSE(JSONGraph::fromJSONText(text).ok()) << text;
+  }
 }
 
 TEST(JSONGraphTextTest, WritingMatchesConvertThenWrite) {

@@ -11,6 +11,7 @@
 #include <algorithm>
 
 #include "brivet/core/values/json_graph.h"
+#include "brivet/platform/internal/json_scalars.h"
 #include "brivet/platform/internal/rapidjson.h"
 #include "brivet/platform/internal/utf8.h"
 
@@ -35,8 +36,11 @@ const KeyProbe& valueKey() {
 
 class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, GraphReader> {
  public:
-  GraphReader(const Object& defaultExpires, Date parseTime)
-      : defaultExpires_(defaultExpires), parseTime_(parseTime), scratchMark_(internal::scratchMark()) {
+  GraphReader(const Object& defaultExpires, Date parseTime, const char* textEnd)
+      : defaultExpires_(defaultExpires),
+        parseTime_(parseTime),
+        textEnd_(textEnd),
+        scratchMark_(internal::scratchMark()) {
     frames_.reserve(32);
     entries_.reserve(256);
   }
@@ -65,6 +69,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool Double(double d) { return push(internal::makeDoubleNumber(d)); }
   bool String(const char* s, rapidjson::SizeType length, bool) {
     const std::string_view text(s, length);
+    if (internal::hasEncodedSurrogate(text)) return takeGeneralRoad();
     // Inside a container, a short text waits in the scratch area until its
     // object is built (arrays copy it out); the scratch is dropped as the
     // container closes.
@@ -75,6 +80,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
     const std::string_view key(s, length);
+    if (internal::hasEncodedSurrogate(key)) return takeGeneralRoad();
     internal::release(pendingKey_);
     pendingKey_ = internal::makeString(key);
     Frame& f = frames_.back();
@@ -113,6 +119,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   }
 
   bool failed() const { return tooDeep_ || needsGeneralRoad_; }
+  const char* textEnd() const { return textEnd_; }
   bool topIsContainer() const { return topIsContainer_; }
   Slot takeResult() { return std::exchange(result_, internal::kEmpty); }
 
@@ -128,6 +135,12 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     std::int8_t valueChild = 0;   // how the last container under "value" was built: 1 plain, 2 graph
     std::size_t scratchMark = 0;  // the scratch area as the container opened
   };
+
+  // An unpaired surrogate escape: the general road refuses the text with its error.
+  bool takeGeneralRoad() {
+    needsGeneralRoad_ = true;
+    return false;
+  }
 
   bool enter(bool isObject) {
     if (frames_.size() >= kMaxJSONNestingDepth) {
@@ -273,6 +286,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
 
   const Object defaultExpires_;
   const Date parseTime_;
+  const char* const textEnd_;
   std::vector<Frame> frames_;
   std::vector<Entry> entries_;  // owned
   Slot pendingKey_ = internal::kEmpty;
@@ -282,6 +296,16 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool topIsContainer_ = false;
   const std::size_t scratchMark_;
 };
+
+constexpr unsigned kGraphParseFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag;
+
+}  // namespace
+}  // namespace brivet
+
+BRIVET_RAPIDJSON_READ_NUMBERS(brivet::kGraphParseFlags, brivet::GraphReader)
+
+namespace brivet {
+namespace {
 
 // --- Writing ---
 
@@ -403,16 +427,16 @@ Result<JSONGraph> JSONGraph::fromJSONText(std::string_view text, const Object& d
     if (!parsed.ok()) return Failure{parsed.error()};
     return fromAny(parsed.value(), defaultExpires);
   };
-  if (!isValidUTF8(text)) return generalRoad();
+  // Text with a byte JSON does not allow (not UTF-8, a stray control
+  // character) is refused by the general road, with its error.
+  if (internal::findJSONTextFault(text)) return generalRoad();
   std::string buffer;
   buffer.reserve(text.size() + 16);  // the SIMD string scan reads whole 16-byte blocks
   buffer.assign(text.data(), text.size());
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
-  GraphReader builder(defaultExpires, dateNow());
-  constexpr unsigned kFlags =
-      rapidjson::kParseInsituFlag | rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
-  const rapidjson::ParseResult parsed = reader.Parse<kFlags>(stream, builder);
+  GraphReader builder(defaultExpires, dateNow(), buffer.data() + buffer.size());
+  const rapidjson::ParseResult parsed = reader.Parse<kGraphParseFlags>(stream, builder);
   if (parsed.IsError() || builder.failed() || stream.Tell() != text.size()) return generalRoad();
   if (!(options & JSONReadingOptions::FragmentsAllowed) && !builder.topIsContainer()) return generalRoad();
   return JSONGraph(SlotRef(builder.takeResult()));

@@ -1,5 +1,15 @@
 // The one place RapidJSON is included, so every translation unit sees the same
 // configuration (SIMD whitespace skipping where the target has it).
+//
+// Readers take RapidJSON's tokenizer but not its number conversion: RapidJSON
+// refuses some valid numbers ("0e400", integers of more than 308 digits before
+// a negative exponent) before any handler sees their text, and its
+// full-precision mode misreads others. `BRIVET_RAPIDJSON_READ_NUMBERS(flags,
+// Handler)`, placed at namespace scope after the handler and before the parse,
+// replaces the number reading of that (flags, handler) pair with the library's
+// own (brivet/platform/internal/json_scalars.h). The handler provides
+// `const char* textEnd() const` (the end of the in-place buffer) and the usual
+// `Int64`, `Uint64` and `Double` events.
 #pragma once
 
 #if defined(__SSE4_2__)
@@ -16,3 +26,62 @@
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
+
+#include <cstddef>
+
+#include "brivet/platform/internal/json_scalars.h"
+
+namespace brivet::internal {
+
+// Reads the number at the stream's position and hands it to the handler.
+// Answers the parse error to report (kParseErrorNone when all went well) and
+// its offset.
+template <class Handler>
+rapidjson::ParseErrorCode readRapidJSONNumber(rapidjson::InsituStringStream& is, Handler& handler,
+                                              std::size_t* errorOffset) {
+  const std::size_t start = is.Tell();
+  const JSONNumberRead read = readJSONNumber(is.src_, handler.textEnd());
+  switch (read.fault) {
+    case JSONNumberFault::None: break;
+    case JSONNumberFault::MissingIntegerDigit:
+      *errorOffset = start + read.length;
+      return rapidjson::kParseErrorValueInvalid;
+    case JSONNumberFault::MissingFraction:
+      *errorOffset = start + read.length;
+      return rapidjson::kParseErrorNumberMissFraction;
+    case JSONNumberFault::MissingExponent:
+      *errorOffset = start + read.length;
+      return rapidjson::kParseErrorNumberMissExponent;
+    case JSONNumberFault::OutOfRange:
+      *errorOffset = start;
+      return rapidjson::kParseErrorNumberTooBig;
+  }
+  is.src_ += read.length;
+  bool accepted = false;
+  switch (read.number.kind) {
+    case JSONNumber::Kind::Signed: accepted = handler.Int64(read.number.value.i); break;
+    case JSONNumber::Kind::Unsigned: accepted = handler.Uint64(read.number.value.u); break;
+    case JSONNumber::Kind::Double: accepted = handler.Double(read.number.value.d); break;
+  }
+  if (!accepted) {
+    *errorOffset = start;
+    return rapidjson::kParseErrorTermination;
+  }
+  return rapidjson::kParseErrorNone;
+}
+
+}  // namespace brivet::internal
+
+// An explicit specialization of the reader's private number routine for one
+// (flags, handler) pair; the names are checked by the compiler, so a RapidJSON
+// whose reader differs fails to build rather than reading numbers its own way.
+#define BRIVET_RAPIDJSON_READ_NUMBERS(kFlags, HandlerType)                                                     \
+  template <>                                                                                                  \
+  template <>                                                                                                  \
+  void rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, rapidjson::CrtAllocator>::ParseNumber<  \
+      (kFlags), rapidjson::InsituStringStream, HandlerType>(rapidjson::InsituStringStream & is,                \
+                                                            HandlerType & handler) {                           \
+    std::size_t offset = 0;                                                                                    \
+    const rapidjson::ParseErrorCode code = brivet::internal::readRapidJSONNumber(is, handler, &offset);        \
+    if (code != rapidjson::kParseErrorNone) SetParseError(code, offset);                                       \
+  }
