@@ -32,6 +32,11 @@
 // precondition failure. Objects are not internally synchronised: share a
 // mutable container across threads only under the caller's own lock or queue.
 //
+// Trees of any depth are safe to destroy, compare (`isEqual`), hash and
+// describe: none of these recurses once per level, so a tree nested a hundred
+// thousand levels deep (which an app can build) costs no more stack than a
+// flat one. Writing JSON refuses trees deeper than its nesting limit instead.
+//
 // Key-value lookup: `valueForKey` / `valueForKeyPath` read dictionaries by
 // string keys ("a.b.c" walks one level per component, nil as soon as a step has
 // no value) and forward to a `CustomObject` met on the way, which may override
@@ -348,6 +353,7 @@ class String final : public internal::ObjectBase {
 class Array final : public internal::ObjectBase {
  public:
   Array(internal::TrailingTag, std::size_t capacity, bool isMutable);
+  ~Array();
   bool isMutable() const { return mutable_; }
   std::size_t size() const { return elements_.size(); }
   bool empty() const { return elements_.empty(); }
@@ -377,6 +383,7 @@ class Dictionary final : public internal::ObjectBase {
  public:
   using Entry = std::pair<Object, Object>;
   Dictionary(internal::TrailingTag, std::size_t capacity, bool isMutable);
+  ~Dictionary();
   bool isMutable() const { return mutable_; }
   std::size_t size() const { return live_; }
   bool empty() const { return live_ == 0; }
