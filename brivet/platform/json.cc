@@ -349,15 +349,15 @@ Result<std::string> writeJSON(const Object& object, JSONWritingOptions options) 
   if (const char* why = invalidTopLevel(object, options)) {
     return jsonError(JSONErrorCode::InvalidObject, std::string("Invalid object for JSON writing: ") + why + ".");
   }
-  rapidjson::StringBuffer out;
+  internal::JSONTextBuffer out;
   const bool sortKeys = options & JSONWritingOptions::SortedKeys;
   bool written;
   if (options & JSONWritingOptions::PrettyPrinted) {
-    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(out);
+    internal::JSONTextPrettyWriter writer(out);
     writer.SetIndent(' ', 2);
     written = writeValue(writer, object, sortKeys);
   } else {
-    rapidjson::Writer<rapidjson::StringBuffer> writer(out);
+    internal::JSONTextWriter writer(out);
     written = writeValue(writer, object, sortKeys);
   }
   if (!written) return jsonError(JSONErrorCode::InvalidObject, "Invalid object for JSON writing.");

@@ -111,6 +111,7 @@ class TreeBuilder {
           const std::uint64_t bits = word();
           double d;
           std::memcpy(&d, &bits, sizeof d);
+          sawNaN_ = sawNaN_ || std::isnan(d);
           if (!add(Object::real(d))) return result_;
           continue;
         }
@@ -146,6 +147,8 @@ class TreeBuilder {
     }
     return result_.isNil() ? Object::null() : result_;
   }
+  // A NaN equals nothing, itself included: trees holding one are not compared.
+  bool sawNaN() const { return sawNaN_; }
 
  private:
   std::uint64_t word() {
@@ -171,6 +174,7 @@ class TreeBuilder {
   const std::uint8_t* p_;
   const std::uint8_t* end_;
   Object result_;
+  bool sawNaN_ = false;
 };
 
 Object defaultExpiresOf(unsigned choice) {
@@ -182,10 +186,10 @@ Object defaultExpiresOf(unsigned choice) {
   }
 }
 
-void checkRoundTrips(const JSONGraph& graph, JSONWritingOptions writing, bool mustWrite) {
+void checkRoundTrips(const JSONGraph& graph, JSONWritingOptions writing, bool mustWrite, bool comparable) {
   check(!graph.description().empty(), "an empty description");
   const JSONGraph throughObjects = JSONGraph::fromAny(graph.toAnyType());
-  check(throughObjects == graph, "a graph does not come back from its platform objects");
+  check(!comparable || throughObjects == graph, "a graph does not come back from its platform objects");
   const Result<std::string> text = graph.toJSONText(writing);
   check(!mustWrite || text.ok(), "an accepted graph cannot be written");
   const Result<std::string> general = writeJSON(graph.toAnyType(), writing);
@@ -210,11 +214,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (flags & 16) writing = writing | JSONWritingOptions::SortedKeys;
 
   if (flags & 32) {
-    const Object tree = TreeBuilder(data + 1, size - 1).build();
+    TreeBuilder builder(data + 1, size - 1);
+    const Object tree = builder.build();
+    const bool comparable = !builder.sawNaN();
     const JSONGraph graph = JSONGraph::fromAny(tree, defaultExpires);
-    checkRoundTrips(graph, writing, false);
+    checkRoundTrips(graph, writing, false, comparable);
     const JSONValue value = JSONValue::fromAny(tree);
-    check(JSONValue::fromAny(value.toAnyType()) == value, "a value does not come back from its platform objects");
+    check(!comparable || JSONValue::fromAny(value.toAnyType()) == value,
+          "a value does not come back from its platform objects");
     (void)value.description();
     return 0;
   }
@@ -230,6 +237,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!hasRelativeDates(parsed.value())) {
     check(direct.value() == JSONGraph::fromAny(parsed.value(), defaultExpires), "the two readers read different graphs");
   }
-  checkRoundTrips(direct.value(), writing, true);
+  checkRoundTrips(direct.value(), writing, true, true);
   return 0;
 }

@@ -447,16 +447,16 @@ Result<std::string> JSONGraph::toJSONText(JSONWritingOptions options) const {
   internal::LeafView v;
   const bool topIsScalar = internal::viewLeaf(s, &v) && v.kind == JSONGraphLeaf::Kind::Primitive;
   if (!topIsScalar || (options & JSONWritingOptions::FragmentsAllowed)) {
-    rapidjson::StringBuffer out;
+    internal::JSONTextBuffer out;
     const bool sortKeys = options & JSONWritingOptions::SortedKeys;
     bool written;
     if (options & JSONWritingOptions::PrettyPrinted) {
-      rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(out);
+      internal::JSONTextPrettyWriter writer(out);
       writer.SetIndent(' ', 2);
       GraphWriter<decltype(writer)> w(writer, sortKeys);
       written = w.graph(s);
     } else {
-      rapidjson::Writer<rapidjson::StringBuffer> writer(out);
+      internal::JSONTextWriter writer(out);
       GraphWriter<decltype(writer)> w(writer, sortKeys);
       written = w.graph(s);
     }

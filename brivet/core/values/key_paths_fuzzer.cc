@@ -4,7 +4,8 @@
 // are non-empty and hold no "."; the tree's key sets iterate in order; the tree is
 // equal to itself merged into itself; it comes back from the key-path strings it
 // gives (`keyPathStrings`) and, when it holds no reversed range, from its array form
-// (`toJSONArray`), also once that form has been written as JSON text and read again.
+// (`toJSONArray`), also once that form has been written as JSON text (for UTF-8
+// input) and read again.
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -12,6 +13,7 @@
 
 #include "brivet/core/values/path_tree.h"
 #include "brivet/core/values/path_tree_fuzzer_support.h"
+#include "brivet/platform/internal/utf8.h"
 #include "brivet/platform/json.h"
 
 namespace {
@@ -53,6 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!reversed) {
     const Object array = tree.toJSONArray();
     check(PathTree::fromPathArrays(array) == tree, kTarget, "a tree does not come back from its array form");
+    // Key paths that are not UTF-8 cannot become JSON text; the writer refuses them with an error.
+    if (!internal::isValidUTF8(input)) return 0;
     const Result<std::string> text = writeJSON(array);
     check(text.ok(), kTarget, "the array form cannot be written");
     const Result<Object> back = parseJSON(text.value());

@@ -33,6 +33,19 @@
 
 namespace brivet::internal {
 
+// The buffer and writers every JSON text of the library is written with.
+// RapidJSON's vector string scan, used by its writer on a plain StringBuffer
+// (like the one in its reader), takes the control characters 0x1A to 0x1F for
+// plain text and writes them raw, which no reader accepts. On a buffer type of
+// our own the writer takes its scalar path, which escapes every control
+// character; the two functions below give that path the buffer's unchecked
+// appends, as RapidJSON does for its own buffer.
+class JSONTextBuffer : public rapidjson::StringBuffer {};
+inline void PutReserve(JSONTextBuffer& buffer, std::size_t count) { buffer.Reserve(count); }
+inline void PutUnsafe(JSONTextBuffer& buffer, char c) { buffer.PutUnsafe(c); }
+using JSONTextWriter = rapidjson::Writer<JSONTextBuffer>;
+using JSONTextPrettyWriter = rapidjson::PrettyWriter<JSONTextBuffer>;
+
 // Reads the number at the stream's position and hands it to the handler.
 // Answers the parse error to report (kParseErrorNone when all went well) and
 // its offset.
