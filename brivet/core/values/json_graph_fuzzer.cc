@@ -13,6 +13,7 @@
 //     gives; the text reads back to the same graph, and so do the platform objects.
 // Properties (objects): a converted graph converts to objects and back to itself; if
 // it can be written, its text reads back to it.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdint>
@@ -121,8 +122,9 @@ class TreeBuilder {
         case 8: if (!add(Object::date(dateWithTimeIntervalSince1970(static_cast<double>(op)))) ) return result_; continue;
         case 9: if (!add(Object::data({op}))) return result_; continue;
         case 10: if (!add(Object(text()))) return result_; continue;
-        default: {  // a repeated nesting: many levels from one byte
-          const std::size_t levels = (op / 12) * 8;
+        default: {  // a repeated nesting: many levels from one byte, 2048 in all at most
+          const std::size_t levels = std::min<std::size_t>((op / 12) * 8, kMaxLevels - levels_);
+          levels_ += levels;
           Object inner = Object(text());
           for (std::size_t i = 0; i < levels; ++i) {
             inner = (i % 2) ? Object::array({inner}) : Object::dictionary({{Object("$type"), inner}});
@@ -171,8 +173,10 @@ class TreeBuilder {
     return Object(text());
   }
 
+  static constexpr std::size_t kMaxLevels = 2048;
   const std::uint8_t* p_;
   const std::uint8_t* end_;
+  std::size_t levels_ = 0;
   Object result_;
   bool sawNaN_ = false;
 };
