@@ -1,5 +1,6 @@
 #include "brivet/core/values/path_tree.h"
 
+#include <algorithm>
 #include <charconv>
 #include <unordered_map>
 
@@ -81,6 +82,7 @@ struct PathTree::Node {
   std::vector<Entry> entries;
   KeySet keys;
   std::unordered_map<KeySet, std::size_t, KeySetHash> index;  // large objects only
+  std::size_t depth = 0;  // objects nested from here down, this one included
 };
 
 namespace {
@@ -89,9 +91,9 @@ using Node = PathTree::Node;
 
 const std::shared_ptr<const Node>& leafNode(PathTree::Kind kind) {
   static const auto* target =
-      new std::shared_ptr<const Node>(std::make_shared<Node>(Node{PathTree::Kind::Target, {}, {}, {}}));
+      new std::shared_ptr<const Node>(std::make_shared<Node>(Node{PathTree::Kind::Target, {}, {}, {}, 0}));
   static const auto* self =
-      new std::shared_ptr<const Node>(std::make_shared<Node>(Node{PathTree::Kind::Self, {}, {}, {}}));
+      new std::shared_ptr<const Node>(std::make_shared<Node>(Node{PathTree::Kind::Self, {}, {}, {}, 0}));
   return kind == PathTree::Kind::Target ? *target : *self;
 }
 
@@ -138,6 +140,12 @@ struct Builder {
 std::shared_ptr<const Node> objectNode(std::vector<PathTree::Entry> entries) {
   auto node = std::make_shared<Node>();
   node->kind = PathTree::Kind::Object;
+  // Every walk over a tree recurses once per level: an entry whose subtree
+  // would nest the tree past kMaxPathLength levels is dropped, as the readers
+  // drop paths longer than that.
+  std::erase_if(entries, [](const PathTree::Entry& e) { return e.second.depth() >= kMaxPathLength; });
+  for (const PathTree::Entry& e : entries) node->depth = std::max(node->depth, e.second.depth());
+  ++node->depth;
   node->entries = std::move(entries);
   if (node->entries.size() > kIndexedEntries) {
     for (std::size_t i = 0; i < node->entries.size(); ++i) node->index.emplace(node->entries[i].first, i);
@@ -406,6 +414,8 @@ PathTree PathTree::object(std::vector<Entry> entries) {
 PathTree PathTree::objectWithDistinctKeySets(std::vector<Entry> entries) {
   return PathTree(objectNode(std::move(entries)));
 }
+
+std::size_t PathTree::depth() const { return node_->depth; }
 
 PathTree PathTree::keySet(KeySet keys) {
   auto node = std::make_shared<Node>();

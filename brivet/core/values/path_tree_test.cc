@@ -121,6 +121,24 @@ TEST(PathArrayTest, ArraysRangesAndInvalidRanges) {
             R"([["a",{"from":1,"to":2},"b"]])");
 }
 
+TEST(PathTreeDepthTest, TreesNeverNestPastTheLimit) {
+  // Built by hand, a hundred thousand levels: entries past 512 levels are dropped.
+  PathTree deep = PathTree::self();
+  for (int i = 0; i < 100000; ++i) deep = PathTree::object({{{Key::string("k")}, deep}});
+  EXPECT_LE(deep.depth(), 512u);
+  EXPECT_EQ(deep, deep);
+  EXPECT_FALSE(deep.description().empty());
+  EXPECT_TRUE(deep.paths().empty() || deep.paths().front().size() <= 512);
+  // The readers' longest paths fit exactly.
+  std::string keyPath = "a";
+  for (int i = 1; i < 512; ++i) keyPath += ".a";
+  const PathTree longest = PathTree::fromKeyPaths({keyPath});
+  EXPECT_EQ(longest.depth(), 512u);
+  EXPECT_EQ(longest.paths().front().size(), 512u);
+  EXPECT_EQ(PathTree::fromKeyPaths({keyPath + ".a"}), PathTree());
+  EXPECT_EQ(PathTree::object({{{Key::string("x")}, longest}}).entries().size(), 0u);
+}
+
 TEST(PathTreeGraphTest, TreeCoversEveryNode) {
   const JSONGraph g = JSONGraph::fromAny(parseJSON(R"({"a": {"b": 1, "r": {"$type": "ref", "value": ["x"]}},
                                                          "list": [{"$type": "atom", "value": 2}, 3]})")
