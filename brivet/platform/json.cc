@@ -77,7 +77,8 @@ class StringTable {
 // a container's end pops its members into a new array or dictionary.
 class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ObjectBuilder> {
  public:
-  ObjectBuilder(bool mutableContainers, const char* textEnd) : textEnd_(textEnd), mutable_(mutableContainers) {
+  ObjectBuilder(bool mutableContainers, const char* textEnd, bool checkSurrogates)
+      : textEnd_(textEnd), checkSurrogates_(checkSurrogates), mutable_(mutableContainers) {
     values_.reserve(64);
   }
 
@@ -92,11 +93,11 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
   }
   bool Double(double d) { return push(Object::real(d)); }
   bool String(const char* s, rapidjson::SizeType length, bool) {
-    if (internal::hasEncodedSurrogate({s, length})) return refuseSurrogate();
+    if (checkSurrogates_ && internal::hasEncodedSurrogate({s, length})) return refuseSurrogate();
     return push(length <= kShortValue ? strings_.intern(s, length).first : Object::string({s, length}));
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
-    if (internal::hasEncodedSurrogate({s, length})) return refuseSurrogate();
+    if (checkSurrogates_ && internal::hasEncodedSurrogate({s, length})) return refuseSurrogate();
     auto [key, interned] = strings_.intern(s, length);
     if (!interned) ++unsharedKeys_;
     return push(std::move(key));
@@ -162,6 +163,7 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
 
   static constexpr std::size_t kShortValue = 12;
   const char* const textEnd_;
+  const bool checkSurrogates_;  // the text has surrogate escapes: decoded strings are checked
   std::vector<Object> values_;
   StringTable strings_;
   std::size_t unsharedKeys_ = 0;
@@ -298,7 +300,8 @@ Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options,
   buffer.assign(text.data(), text.size());
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
-  ObjectBuilder builder(options & JSONReadingOptions::MutableContainers, buffer.data() + buffer.size());
+  ObjectBuilder builder(options & JSONReadingOptions::MutableContainers, buffer.data() + buffer.size(),
+                        internal::mayHoldSurrogateEscape(text));
   const rapidjson::ParseResult parsed = reader.Parse<kFlags>(stream, builder);
   if (fault && (!parsed.IsError() || parsed.Offset() >= fault.offset)) {
     return invalidText(fault.offset, internal::describeJSONTextFault(fault.kind));

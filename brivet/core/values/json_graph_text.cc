@@ -36,10 +36,11 @@ const KeyProbe& valueKey() {
 
 class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, GraphReader> {
  public:
-  GraphReader(const Object& defaultExpires, Date parseTime, const char* textEnd)
+  GraphReader(const Object& defaultExpires, Date parseTime, const char* textEnd, bool checkSurrogates)
       : defaultExpires_(defaultExpires),
         parseTime_(parseTime),
         textEnd_(textEnd),
+        checkSurrogates_(checkSurrogates),
         scratchMark_(internal::scratchMark()) {
     frames_.reserve(32);
     entries_.reserve(256);
@@ -69,7 +70,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool Double(double d) { return push(internal::makeDoubleNumber(d)); }
   bool String(const char* s, rapidjson::SizeType length, bool) {
     const std::string_view text(s, length);
-    if (internal::hasEncodedSurrogate(text)) return takeGeneralRoad();
+    if (checkSurrogates_ && internal::hasEncodedSurrogate(text)) return takeGeneralRoad();
     // Inside a container, a short text waits in the scratch area until its
     // object is built (arrays copy it out); the scratch is dropped as the
     // container closes.
@@ -80,7 +81,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
     const std::string_view key(s, length);
-    if (internal::hasEncodedSurrogate(key)) return takeGeneralRoad();
+    if (checkSurrogates_ && internal::hasEncodedSurrogate(key)) return takeGeneralRoad();
     internal::release(pendingKey_);
     pendingKey_ = internal::makeString(key);
     Frame& f = frames_.back();
@@ -287,6 +288,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   const Object defaultExpires_;
   const Date parseTime_;
   const char* const textEnd_;
+  const bool checkSurrogates_;  // the text has surrogate escapes: decoded strings are checked
   std::vector<Frame> frames_;
   std::vector<Entry> entries_;  // owned
   Slot pendingKey_ = internal::kEmpty;
@@ -435,7 +437,8 @@ Result<JSONGraph> JSONGraph::fromJSONText(std::string_view text, const Object& d
   buffer.assign(text.data(), text.size());
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
-  GraphReader builder(defaultExpires, dateNow(), buffer.data() + buffer.size());
+  GraphReader builder(defaultExpires, dateNow(), buffer.data() + buffer.size(),
+                      internal::mayHoldSurrogateEscape(text));
   const rapidjson::ParseResult parsed = reader.Parse<kGraphParseFlags>(stream, builder);
   if (parsed.IsError() || builder.failed() || stream.Tell() != text.size()) return generalRoad();
   if (!(options & JSONReadingOptions::FragmentsAllowed) && !builder.topIsContainer()) return generalRoad();

@@ -51,7 +51,7 @@ unsigned escapeUnit(std::string_view text, std::size_t i) {
 
 }  // namespace
 
-JSONNumberRead readJSONNumber(const char* p, const char* end) {
+JSONNumberRead readJSONNumberInGeneral(const char* p, const char* end) {
   const char* const start = p;
   const bool negative = p < end && *p == '-';
   if (negative) ++p;
@@ -162,6 +162,22 @@ JSONTextFault findJSONTextFault(std::string_view text) {
     p += n + 1;
   }
   return {};
+}
+
+bool mayHoldSurrogateEscape(std::string_view text) {
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  while (end - p >= 4) {
+    const void* found = std::memchr(p, '\\', static_cast<std::size_t>(end - p - 3));
+    if (found == nullptr) return false;
+    p = static_cast<const char*>(found);
+    const unsigned third = static_cast<unsigned char>(p[3]) | 0x20;  // lower case
+    if (p[1] == 'u' && (p[2] | 0x20) == 'd' && ((third >= '8' && third <= '9') || (third >= 'a' && third <= 'f'))) {
+      return true;
+    }
+    p += 2;  // the escaped character is never the start of another escape
+  }
+  return false;
 }
 
 std::size_t findUnpairedSurrogateEscape(std::string_view text, std::size_t stringEnd) {

@@ -18,8 +18,9 @@
 // line feed, carriage return). `findJSONTextFault` finds the first byte that
 // is not allowed anywhere: one that is not UTF-8 (surrogates included) or a
 // control character other than that whitespace. A reader that has decoded a
-// string checks it with `hasEncodedSurrogate`: a "\udc00" escape standing
-// alone decodes to a surrogate, which is not text; `findUnpairedSurrogateEscape`
+// string checks it with `hasEncodedSurrogate` (when `mayHoldSurrogateEscape`
+// says the text has such escapes at all): a "\udc00" escape standing alone
+// decodes to a surrogate, which is not text; `findUnpairedSurrogateEscape`
 // then names the escape's offset for the error.
 //
 // All functions are pure and thread-safe.
@@ -60,7 +61,26 @@ struct JSONNumberRead {
 
 // Reads the number at the start of [p, end): -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
 // It stops after the longest such prefix; what follows is for the caller to judge.
-JSONNumberRead readJSONNumber(const char* p, const char* end);
+JSONNumberRead readJSONNumberInGeneral(const char* p, const char* end);
+// The same, with the integers of up to 18 digits that make most of JSON read inline.
+inline JSONNumberRead readJSONNumber(const char* p, const char* end) {
+  const char* q = p;
+  const bool negative = q < end && *q == '-';
+  if (negative) ++q;
+  const char* const digits = q;
+  std::uint64_t v = 0;
+  while (q < end && q - digits < 18 && *q >= '0' && *q <= '9') v = v * 10 + static_cast<unsigned>(*q++ - '0');
+  const bool leadingZero = q - digits > 1 && *digits == '0';
+  if (q == digits || leadingZero || q - digits == 18 ||
+      (q < end && (*q == '.' || *q == 'e' || *q == 'E' || (*q >= '0' && *q <= '9')))) {
+    return readJSONNumberInGeneral(p, end);
+  }
+  JSONNumberRead r;
+  r.length = static_cast<std::size_t>(q - p);
+  r.number.kind = JSONNumber::Kind::Signed;
+  r.number.value.i = negative ? -static_cast<std::int64_t>(v) : static_cast<std::int64_t>(v);
+  return r;
+}
 
 enum class JSONTextFaultKind : std::uint8_t { None, InvalidUTF8, ControlCharacter };
 struct JSONTextFault {
@@ -85,6 +105,11 @@ inline bool hasEncodedSurrogate(std::string_view decoded) {
   }
   return false;
 }
+
+// Whether `text` may hold a surrogate escape ("\uD800" to "\uDFFF", either
+// case). When it does not, no string decoded from it can hold a surrogate and
+// readers skip `hasEncodedSurrogate`.
+bool mayHoldSurrogateEscape(std::string_view text);
 
 // For a string of `text` that ends just before `stringEnd` (the offset past its
 // closing quote), the offset of the first "\u" escape in it that is an

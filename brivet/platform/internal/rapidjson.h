@@ -28,6 +28,7 @@
 #include <rapidjson/writer.h>
 
 #include <cstddef>
+#include <cstring>
 
 #include "brivet/platform/internal/json_scalars.h"
 
@@ -37,14 +38,52 @@ namespace brivet::internal {
 // RapidJSON's vector string scan, used by its writer on a plain StringBuffer
 // (like the one in its reader), takes the control characters 0x1A to 0x1F for
 // plain text and writes them raw, which no reader accepts. On a buffer type of
-// our own the writer takes its scalar path, which escapes every control
-// character; the two functions below give that path the buffer's unchecked
-// appends, as RapidJSON does for its own buffer.
+// our own the writer uses the scan defined below instead, which stops at every
+// byte below 0x20; the functions beside it give the writer the buffer's
+// unchecked appends, as RapidJSON does for its own buffer.
 class JSONTextBuffer : public rapidjson::StringBuffer {};
 inline void PutReserve(JSONTextBuffer& buffer, std::size_t count) { buffer.Reserve(count); }
 inline void PutUnsafe(JSONTextBuffer& buffer, char c) { buffer.PutUnsafe(c); }
+inline void PutN(JSONTextBuffer& buffer, char c, std::size_t n) { std::memset(buffer.Push(n), c, n); }
 using JSONTextWriter = rapidjson::Writer<JSONTextBuffer>;
 using JSONTextPrettyWriter = rapidjson::PrettyWriter<JSONTextBuffer>;
+
+}  // namespace brivet::internal
+
+#if defined(RAPIDJSON_SSE2) || defined(RAPIDJSON_SSE42)
+// Copies the run of bytes that need no escape (anything but a quote, a
+// backslash or a byte below 0x20) sixteen at a time, never reading past the
+// string; the writer escapes or copies the byte it stops at, and the short
+// tail, one at a time. Answers whether bytes remain.
+template <>
+inline bool rapidjson::Writer<brivet::internal::JSONTextBuffer>::ScanWriteUnescapedString(rapidjson::StringStream& is,
+                                                                                         std::size_t length) {
+  const char* p = is.src_;
+  const char* const end = is.head_ + length;
+  const __m128i quote = _mm_set1_epi8('"');
+  const __m128i backslash = _mm_set1_epi8('\\');
+  const __m128i lastControl = _mm_set1_epi8(0x1F);
+  while (end - p >= 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i control = _mm_cmpeq_epi8(_mm_max_epu8(block, lastControl), lastControl);  // block <= 0x1F
+    const __m128i special =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(block, quote), _mm_cmpeq_epi8(block, backslash)), control);
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(special));
+    if (mask != 0) {
+      const unsigned plain = static_cast<unsigned>(__builtin_ctz(mask));
+      std::memcpy(os_->PushUnsafe(plain), p, plain);
+      p += plain;
+      break;
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(os_->PushUnsafe(16)), block);
+    p += 16;
+  }
+  is.src_ = p;
+  return p < end;
+}
+#endif
+
+namespace brivet::internal {
 
 // Reads the number at the stream's position and hands it to the handler.
 // Answers the parse error to report (kParseErrorNone when all went well) and
