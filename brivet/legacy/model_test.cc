@@ -181,6 +181,26 @@ TEST_F(LegacyCacheTest, SetsAndInvalidationsAreOrderedWrites) {
   EXPECT_TRUE(model->valueForKeyPath("a.c").isNil());  // removed through the reference
 }
 
+TEST_F(LegacyCacheTest, SnapshotsWriteEveryControlCharacterEscaped) {
+  Object strings = Object::mutableDictionary();
+  for (int c = 0; c < 0x20; ++c) {
+    for (int at = 0; at < 20; ++at) {
+      std::string value(24, 'v');
+      value[static_cast<std::size_t>(at)] = static_cast<char>(c);
+      strings.asMutableDictionary()->setObject(Object(value), "k" + std::to_string(c * 20 + at));
+    }
+  }
+  model->mergeJSONDictionaryIntoModel(Object::mutableDictionary({{"s", strings}}));
+  const auto snapshot = model->serializeCache();
+  ASSERT_TRUE(snapshot.has_value());
+  const auto restored = BrivetModel::create();
+  std::optional<Error> error;
+  ASSERT_TRUE(restored->deserializeCache(*snapshot, &error)) << error->localizedDescription();
+  EXPECT_EQ(restored->serializeCache(), snapshot);
+  EXPECT_EQ(restored->valueForKeyPath("s.k0").stringValue(), std::string_view("\0vvvvvvvvvvvvvvvvvvvvvvv", 24));
+  EXPECT_EQ(restored->valueForKeyPath("s.k639").stringValue(), std::string(19, 'v') + "\x1f" + std::string(4, 'v'));
+}
+
 TEST_F(LegacyCacheTest, SnapshotRoundTripRestoresReferences) {
   model->mergeJSONDictionaryIntoModel(brivet::testing::catalogueResponse(3, brivet::testing::Dialect::Legacy));
   std::optional<Error> error;

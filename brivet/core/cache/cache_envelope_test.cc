@@ -55,6 +55,28 @@ TEST_F(CacheSnapshotTest, TextAndDictionaryFormsRoundTrip) {
   EXPECT_EQ((*typed)->version, 3u);
 }
 
+TEST_F(CacheSnapshotTest, EveryStringAndNumberTheReaderAcceptsSurvivesASnapshot) {
+  // Control characters at every offset of the writers' sixteen-byte scan, and numbers at the edges.
+  std::string text = "{\"jsonGraph\": {\"s\": [";
+  for (int c = 0; c < 0x20; ++c) {
+    for (int at = 0; at < 20; ++at) {
+      std::string value(24, 'v');
+      value[static_cast<std::size_t>(at)] = static_cast<char>(c);
+      text += writeJSON(Object(value), JSONWritingOptions::FragmentsAllowed).value() + ",";
+    }
+  }
+  text += "\"\\ud83d\\ude00\"], \"n\": {\"$type\": \"atom\", \"value\": [0e400, 4.9e-324, 1.7976931348623157e308, "
+          "18446744073709551615, -9223372036854775808, 0.1]}}, \"$_version\": 7}";
+  const Result<std::optional<CacheEnvelope>> read = CacheEnvelope::fromJSONText(text);
+  ASSERT_TRUE(read.ok()) << read.error().localizedDescription();
+  ASSERT_TRUE(read->has_value());
+  const Result<std::string> written = (*read)->toJSONText();
+  ASSERT_TRUE(written.ok());
+  const Result<std::optional<CacheEnvelope>> back = CacheEnvelope::fromJSONText(written.value());
+  ASSERT_TRUE(back.ok()) << back.error().localizedDescription();
+  EXPECT_EQ(**back, **read);
+}
+
 TEST_F(CacheSnapshotTest, RestoringReplacesGraphAndVersionAsTheyAre) {
   auto cache = Cache::create(JSONGraph::fromAny(testing::catalogueDocument(2, 2, 0)));
   cache->merge(JSONGraph::fromAny(testing::catalogueVideos(5, 1, testing::Dialect::Core)));
