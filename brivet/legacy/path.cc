@@ -44,11 +44,11 @@ std::int64_t saturatingEnd(std::int64_t from, std::int64_t length) {
 std::optional<Object> decimalNumber(std::string_view digits) {
   while (digits.size() > 1 && digits.front() == '0') digits.remove_prefix(1);
   const internal::JSONNumberRead read = internal::readJSONNumber(digits.data(), digits.data() + digits.size());
-  if (read.fault != internal::JSONNumberFault::None || read.length != digits.size()) return std::nullopt;
-  switch (read.number.kind) {
-    case internal::JSONNumber::Kind::Signed: return Object::integer(read.number.value.i);
-    case internal::JSONNumber::Kind::Unsigned: return Object::unsignedInteger(read.number.value.u);
-    case internal::JSONNumber::Kind::Double: return Object::real(read.number.value.d);
+  if (read.fault() != internal::JSONNumberFault::None || read.length() != digits.size()) return std::nullopt;
+  switch (read.kind()) {
+    case internal::JSONNumberRead::Kind::Signed: return Object::integer(read.signedValue());
+    case internal::JSONNumberRead::Kind::Unsigned: return Object::unsignedInteger(read.unsignedValue());
+    case internal::JSONNumberRead::Kind::Double: return Object::real(read.doubleValue());
   }
   return std::nullopt;
 }

@@ -119,6 +119,17 @@ std::vector<std::string> hardNumberTexts(std::uint64_t seed) {
     out.push_back(text);
   }
 
+  // Short decimals without an exponent (the common case readers take a fast road for),
+  // up to and past the fifteen digits a double holds exactly.
+  for (int k = 0; k < 3000; ++k) {
+    const std::size_t length = 2 + random() % 18;
+    const std::string d = digits(random, length, false);
+    const std::size_t point = 1 + random() % (length - 1);
+    std::string integer = d.substr(0, point);
+    if (integer.size() > 1 && integer[0] == '0') integer[0] = '1';
+    out.push_back((random() % 2 ? "-" : "") + integer + "." + d.substr(point));
+  }
+
   // Exponents near the ends of the range, short and long mantissas.
   for (int exponent = -345; exponent <= -300; ++exponent) {
     for (int k = 0; k < 30; ++k) out.push_back(digits(random, 1 + random() % 25, true) + "e" + std::to_string(exponent));

@@ -10,12 +10,7 @@ namespace {
 
 bool isDigit(const char* p, const char* end) { return p < end && *p >= '0' && *p <= '9'; }
 
-JSONNumberRead numberFault(JSONNumberFault fault, std::size_t offset) {
-  JSONNumberRead r;
-  r.fault = fault;
-  r.length = offset;
-  return r;
-}
+JSONNumberRead numberFault(JSONNumberFault fault, std::size_t offset) { return JSONNumberRead::withFault(fault, offset); }
 
 // The integer value of a run of decimal digits, when it fits 64 bits.
 bool exactInteger(const char* p, const char* end, std::uint64_t* out) {
@@ -78,27 +73,16 @@ JSONNumberRead readJSONNumberInGeneral(const char* p, const char* end) {
     integral = false;
   }
 
-  JSONNumberRead r;
-  r.length = static_cast<std::size_t>(p - start);
+  const std::size_t length = static_cast<std::size_t>(p - start);
   std::uint64_t magnitude = 0;
   if (integral && exactInteger(digits, digitsEnd, &magnitude)) {
     constexpr std::uint64_t kSignedLimit = std::uint64_t{1} << 63;
     if (!negative) {
-      if (magnitude < kSignedLimit) {
-        r.number.kind = JSONNumber::Kind::Signed;
-        r.number.value.i = static_cast<std::int64_t>(magnitude);
-      } else {
-        r.number.kind = JSONNumber::Kind::Unsigned;
-        r.number.value.u = magnitude;
-      }
-      return r;
+      return magnitude < kSignedLimit ? JSONNumberRead::signedInteger(static_cast<std::int64_t>(magnitude), length)
+                                      : JSONNumberRead::unsignedInteger(magnitude, length);
     }
-    if (magnitude <= kSignedLimit) {
-      // Two's complement negation: -2^63 is exactly representable.
-      r.number.kind = JSONNumber::Kind::Signed;
-      r.number.value.i = static_cast<std::int64_t>(0 - magnitude);
-      return r;
-    }
+    // Two's complement negation: -2^63 is exactly representable.
+    if (magnitude <= kSignedLimit) return JSONNumberRead::signedInteger(static_cast<std::int64_t>(0 - magnitude), length);
   }
   // Everything else, integers past 64 bits included, is the correctly rounded double.
   double d = 0;
@@ -106,9 +90,7 @@ JSONNumberRead readJSONNumberInGeneral(const char* p, const char* end) {
   if (converted.ec != std::errc() || converted.ptr != p || std::isinf(d) || std::isnan(d)) {
     return numberFault(JSONNumberFault::OutOfRange, 0);
   }
-  r.number.kind = JSONNumber::Kind::Double;
-  r.number.value.d = d;
-  return r;
+  return JSONNumberRead::real(d, length);
 }
 
 JSONTextFault findJSONTextFault(std::string_view text) {

@@ -33,16 +33,6 @@
 
 namespace brivet::internal {
 
-struct JSONNumber {
-  enum class Kind : std::uint8_t { Signed, Unsigned, Double };
-  Kind kind = Kind::Signed;
-  union {
-    std::int64_t i;
-    std::uint64_t u;
-    double d;
-  } value{};
-};
-
 enum class JSONNumberFault : std::uint8_t {
   None,
   MissingIntegerDigit,  // no digit after the minus sign (or where the number should start)
@@ -51,35 +41,86 @@ enum class JSONNumberFault : std::uint8_t {
   OutOfRange,           // the value lies beyond the largest double
 };
 
-struct JSONNumberRead {
-  JSONNumberFault fault = JSONNumberFault::None;
-  // Without a fault: the bytes the number takes. With one: the offset of the
-  // fault from the number's start (its start itself for OutOfRange).
-  std::size_t length = 0;
-  JSONNumber number;
+// What a number read gave: its value and the bytes it takes, or a fault and its
+// offset from the number's start (the start itself for OutOfRange). Sixteen
+// bytes, so that it is returned in registers.
+class JSONNumberRead {
+ public:
+  enum class Kind : std::uint8_t { Signed, Unsigned, Double };
+
+  static JSONNumberRead signedInteger(std::int64_t v, std::size_t length) {
+    JSONNumberRead r(length, Kind::Signed, JSONNumberFault::None);
+    r.value_.i = v;
+    return r;
+  }
+  static JSONNumberRead unsignedInteger(std::uint64_t v, std::size_t length) {
+    JSONNumberRead r(length, Kind::Unsigned, JSONNumberFault::None);
+    r.value_.u = v;
+    return r;
+  }
+  static JSONNumberRead real(double v, std::size_t length) {
+    JSONNumberRead r(length, Kind::Double, JSONNumberFault::None);
+    r.value_.d = v;
+    return r;
+  }
+  static JSONNumberRead withFault(JSONNumberFault fault, std::size_t offset) {
+    return JSONNumberRead(offset, Kind::Signed, fault);
+  }
+
+  JSONNumberFault fault() const { return static_cast<JSONNumberFault>((bits_ >> 60) & 7u); }
+  Kind kind() const { return static_cast<Kind>((bits_ >> 56) & 3u); }
+  std::size_t length() const { return static_cast<std::size_t>(bits_ & kLengthMask); }
+  std::int64_t signedValue() const { return value_.i; }
+  std::uint64_t unsignedValue() const { return value_.u; }
+  double doubleValue() const { return value_.d; }
+
+ private:
+  static constexpr std::uint64_t kLengthMask = (std::uint64_t{1} << 56) - 1;  // no text is 64 PB long
+  JSONNumberRead(std::size_t length, Kind kind, JSONNumberFault fault)
+      : bits_((static_cast<std::uint64_t>(length) & kLengthMask) | (static_cast<std::uint64_t>(kind) << 56) |
+              (static_cast<std::uint64_t>(fault) << 60)) {}
+  union {
+    std::int64_t i;
+    std::uint64_t u;
+    double d;
+  } value_{};
+  std::uint64_t bits_;  // the length in bits 0-55, the kind in 56-57, the fault in 60-62
 };
 
 // Reads the number at the start of [p, end): -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
 // It stops after the longest such prefix; what follows is for the caller to judge.
 JSONNumberRead readJSONNumberInGeneral(const char* p, const char* end);
-// The same, with the integers of up to 18 digits that make most of JSON read inline.
+// The same, with the short numbers that make most of JSON read inline: integers
+// of up to 17 digits, and decimals of up to 15 digits without an exponent, which
+// one division of two exactly represented doubles rounds correctly.
 inline JSONNumberRead readJSONNumber(const char* p, const char* end) {
+  static constexpr double kPowersOfTen[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                            1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+  auto digitAt = [end](const char* at) { return at < end && *at >= '0' && *at <= '9'; };
   const char* q = p;
   const bool negative = q < end && *q == '-';
   if (negative) ++q;
   const char* const digits = q;
   std::uint64_t v = 0;
-  while (q < end && q - digits < 18 && *q >= '0' && *q <= '9') v = v * 10 + static_cast<unsigned>(*q++ - '0');
-  const bool leadingZero = q - digits > 1 && *digits == '0';
-  if (q == digits || leadingZero || q - digits == 18 ||
-      (q < end && (*q == '.' || *q == 'e' || *q == 'E' || (*q >= '0' && *q <= '9')))) {
+  while (q - digits < 18 && digitAt(q)) v = v * 10 + static_cast<unsigned>(*q++ - '0');
+  const std::ptrdiff_t integerDigits = q - digits;
+  if (integerDigits == 0 || integerDigits == 18 || (integerDigits > 1 && *digits == '0')) {
     return readJSONNumberInGeneral(p, end);
   }
-  JSONNumberRead r;
-  r.length = static_cast<std::size_t>(q - p);
-  r.number.kind = JSONNumber::Kind::Signed;
-  r.number.value.i = negative ? -static_cast<std::int64_t>(v) : static_cast<std::int64_t>(v);
-  return r;
+  if (q == end || (*q != '.' && *q != 'e' && *q != 'E' && !digitAt(q))) {
+    return JSONNumberRead::signedInteger(negative ? -static_cast<std::int64_t>(v) : static_cast<std::int64_t>(v),
+                                         static_cast<std::size_t>(q - p));
+  }
+  if (*q == '.' && integerDigits < 15) {
+    const char* const fraction = ++q;
+    while (integerDigits + (q - fraction) < 15 && digitAt(q)) v = v * 10 + static_cast<unsigned>(*q++ - '0');
+    const std::ptrdiff_t fractionDigits = q - fraction;
+    if (fractionDigits > 0 && !digitAt(q) && (q == end || (*q != 'e' && *q != 'E'))) {
+      const double d = static_cast<double>(v) / kPowersOfTen[fractionDigits];
+      return JSONNumberRead::real(negative ? -d : d, static_cast<std::size_t>(q - p));
+    }
+  }
+  return readJSONNumberInGeneral(p, end);
 }
 
 enum class JSONTextFaultKind : std::uint8_t { None, InvalidUTF8, ControlCharacter };

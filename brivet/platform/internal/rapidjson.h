@@ -93,27 +93,27 @@ rapidjson::ParseErrorCode readRapidJSONNumber(rapidjson::InsituStringStream& is,
                                               std::size_t* errorOffset) {
   const std::size_t start = is.Tell();
   const JSONNumberRead read = readJSONNumber(is.src_, handler.textEnd());
-  switch (read.fault) {
+  switch (read.fault()) {
     case JSONNumberFault::None: break;
     case JSONNumberFault::MissingIntegerDigit:
-      *errorOffset = start + read.length;
+      *errorOffset = start + read.length();
       return rapidjson::kParseErrorValueInvalid;
     case JSONNumberFault::MissingFraction:
-      *errorOffset = start + read.length;
+      *errorOffset = start + read.length();
       return rapidjson::kParseErrorNumberMissFraction;
     case JSONNumberFault::MissingExponent:
-      *errorOffset = start + read.length;
+      *errorOffset = start + read.length();
       return rapidjson::kParseErrorNumberMissExponent;
     case JSONNumberFault::OutOfRange:
       *errorOffset = start;
       return rapidjson::kParseErrorNumberTooBig;
   }
-  is.src_ += read.length;
+  is.src_ += read.length();
   bool accepted = false;
-  switch (read.number.kind) {
-    case JSONNumber::Kind::Signed: accepted = handler.Int64(read.number.value.i); break;
-    case JSONNumber::Kind::Unsigned: accepted = handler.Uint64(read.number.value.u); break;
-    case JSONNumber::Kind::Double: accepted = handler.Double(read.number.value.d); break;
+  switch (read.kind()) {
+    case JSONNumberRead::Kind::Signed: accepted = handler.Int64(read.signedValue()); break;
+    case JSONNumberRead::Kind::Unsigned: accepted = handler.Uint64(read.unsignedValue()); break;
+    case JSONNumberRead::Kind::Double: accepted = handler.Double(read.doubleValue()); break;
   }
   if (!accepted) {
     *errorOffset = start;
