@@ -60,9 +60,9 @@ Result<std::vector<Path>, RequestError> checkedPaths(const PathTree& tree) {
 // The sub-graph `paths` reach in `document`, references followed.
 Result<JSONGraph, RequestError> extractGraph(const JSONGraph& document, const std::vector<Path>& paths) {
   if (paths.empty()) return JSONGraph::emptyObject();
-  Result<internal::Extraction, BrivetError> extraction = internal::extract(document.slot(), paths, true);
+  Result<internal::Extraction, BrivetError> extraction = internal::extract(internal::slot(document), paths, true);
   if (!extraction.ok()) return Failure{RequestError{400, "invalidPath", extraction.error().description()}};
-  return JSONGraph::fromSlot(std::move(extraction.value().graph));
+  return internal::graphFromSlot(std::move(extraction.value().graph));
 }
 
 // A path given as an array of text keys ("callPath").

@@ -81,7 +81,7 @@ TEST_F(ModelSignpostTest, AGetMarksItsStreamCacheAndDataSourceIntervals) {
 }
 
 TEST_F(ModelSignpostTest, SetCallAndSynchronousReadsAreMarkedToo) {
-  auto local = std::dynamic_pointer_cast<TovInternalModel>(model_->withoutDataSource());
+  auto local = model_->withoutDataSource();
   run(local->setWithValue(json(R"({"videos": {"v3": {"title": "Three"}}})"))->asStream());
   client_->reply = {{}, httpFailure(500)};
   run(model_->callFunctionWithKeyPath("lists.add", std::nullopt, std::nullopt, std::nullopt)->asStream());
