@@ -274,7 +274,7 @@ std::optional<std::string> HTTPTransport::urlProblem(std::string_view url) {
   char* scheme = nullptr;
   char* host = nullptr;
   if (text.find_first_of(" \t\r\n") != std::string::npos) {
-    problem = "a URL holds no blanks or line breaks";
+    problem = "a URL with blanks or line breaks";
   } else if (curl_url_set(handle, CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
     problem = "not a URL";
   } else if (curl_url_get(handle, CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK ||

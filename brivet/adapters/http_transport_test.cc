@@ -231,7 +231,7 @@ TEST_F(HTTPTransportTest, DroppedConnectionsAndMalformedURLsAreTheirOwnFailures)
   EXPECT_EQ(bad.error().kind, HTTPTransportError::Kind::BadURL) << bad.error().message;
 
   EXPECT_EQ(HTTPTransport::urlProblem("https://example.com/model.json"), std::nullopt);
-  EXPECT_EQ(HTTPTransport::urlProblem("http://exa mple.com"), "a URL holds no blanks or line breaks");
+  EXPECT_EQ(HTTPTransport::urlProblem("http://exa mple.com"), "a URL with blanks or line breaks");
   EXPECT_EQ(HTTPTransport::urlProblem("ftp://example.com/x"), "not an http:// or https:// URL");
   EXPECT_EQ(HTTPTransport::urlProblem("http://"), "not a URL");
   EXPECT_EQ(HTTPTransport::urlProblem("model.json"), "not a URL");

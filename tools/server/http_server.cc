@@ -63,7 +63,8 @@ bool sendAll(int fd, std::string_view bytes, Clock::time_point deadline) {
 }
 
 bool respond(int fd, const HTTPServerResponse& response, bool keepAlive, Clock::time_point deadline) {
-  std::string bytes = responseHead(response.status, response.contentType, response.body.size(), keepAlive);
+  std::string bytes =
+      responseHead(response.status, response.contentType, response.body.size(), keepAlive, response.fields);
   bytes += response.body;
   return sendAll(fd, bytes, deadline);
 }
@@ -187,6 +188,7 @@ struct HTTPServer::State {
       HTTPServerRequest request{head.method, head.path, head.query, buffer.substr(scan.length, head.contentLength)};
       buffer.erase(0, total);
       const HTTPServerResponse response = handler(request);
+      if (response.dropConnection) return;
       if (!respond(fd, response, head.keepAlive, Clock::now() + options.requestTimeout) || !head.keepAlive) return;
     }
   }

@@ -19,6 +19,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "brivet/platform/result.h"
 #include "tools/server/http_wire.h"
@@ -36,6 +38,8 @@ struct HTTPServerResponse {
   int status = 200;
   std::string body;
   std::string contentType = "application/json";
+  std::vector<std::pair<std::string, std::string>> fields;  // more header fields ("Location", ...)
+  bool dropConnection = false;  // close the connection without answering (for tests)
 };
 
 class HTTPServer {

@@ -273,6 +273,10 @@ std::string_view reasonPhrase(int status) {
   switch (status) {
     case 100: return "Continue";
     case 200: return "OK";
+    case 301: return "Moved Permanently";
+    case 302: return "Found";
+    case 307: return "Temporary Redirect";
+    case 308: return "Permanent Redirect";
     case 400: return "Bad Request";
     case 404: return "Not Found";
     case 405: return "Method Not Allowed";
@@ -287,8 +291,10 @@ std::string_view reasonPhrase(int status) {
   }
 }
 
-std::string responseHead(int status, std::string_view contentType, std::size_t length, bool keepAlive) {
+std::string responseHead(int status, std::string_view contentType, std::size_t length, bool keepAlive,
+                         const std::vector<std::pair<std::string, std::string>>& fields) {
   std::string head = "HTTP/1.1 " + std::to_string(status) + " " + std::string(reasonPhrase(status)) + "\r\n";
+  for (const auto& [name, value] : fields) head += name + ": " + value + "\r\n";
   if (!contentType.empty()) head += "Content-Type: " + std::string(contentType) + "\r\n";
   head += "Content-Length: " + std::to_string(length) + "\r\n";
   head += keepAlive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";

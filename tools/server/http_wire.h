@@ -69,7 +69,8 @@ Result<std::vector<std::pair<std::string, std::string>>, std::string> decodeForm
 // The reason phrase of a status ("Not Found"), "Unknown" for others.
 std::string_view reasonPhrase(int status);
 
-// The head of a response with a body of `length` bytes.
-std::string responseHead(int status, std::string_view contentType, std::size_t length, bool keepAlive);
+// The head of a response with a body of `length` bytes and more header fields.
+std::string responseHead(int status, std::string_view contentType, std::size_t length, bool keepAlive,
+                         const std::vector<std::pair<std::string, std::string>>& fields = {});
 
 }  // namespace brivet::tools

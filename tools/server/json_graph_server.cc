@@ -44,7 +44,10 @@ std::string errorBody(Dialect dialect, const RequestError& error) {
 }
 
 HTTPServerResponse errorResponse(Dialect dialect, const RequestError& error) {
-  return HTTPServerResponse{error.status, errorBody(dialect, error), "application/json"};
+  HTTPServerResponse response;
+  response.status = error.status;
+  response.body = errorBody(dialect, error);
+  return response;
 }
 
 // Every parameter value is JSON text; query and form body parameters together.
@@ -263,9 +266,16 @@ struct JSONGraphServer::State {
       hook = interceptor;
     }
     if (!hook) return std::nullopt;
-    std::optional<CannedResponse> canned = hook(request.method, request.path);
+    std::optional<CannedResponse> canned =
+        hook(request.method, request.query.empty() ? request.path : request.path + "?" + request.query);
     if (!canned) return std::nullopt;
-    return HTTPServerResponse{canned->status, canned->body, canned->contentType};
+    HTTPServerResponse response;
+    response.status = canned->status;
+    response.body = canned->body;
+    response.contentType = canned->contentType;
+    response.fields = canned->fields;
+    response.dropConnection = canned->dropConnection;
+    return response;
   }
 
   HTTPServerResponse serve(const HTTPServerRequest& request) {
@@ -285,7 +295,9 @@ struct JSONGraphServer::State {
                                    : (request.method == "GET" ? legacyGet(parameters.value())
                                                               : legacyPost(parameters.value()));
     if (!answer.ok()) return errorResponse(dialect, answer.error());
-    return HTTPServerResponse{200, std::move(answer).value(), "application/json"};
+    HTTPServerResponse response;
+    response.body = std::move(answer).value();
+    return response;
   }
 
   Result<std::string, RequestError> coreGet(const Object& parameters) {

@@ -33,6 +33,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "brivet/core/cache/cache.h"
@@ -58,13 +59,19 @@ class JSONGraphServer {
   // result or a message for a 400 answer.
   using Function = std::function<Result<CallResult, std::string>(const JSONGraph& document, const Object& arguments)>;
 
-  // A canned answer, for tests that need a failing or slow server.
+  // A canned answer, for tests that need a failing, redirecting, dropping or
+  // slow server.
   struct CannedResponse {
-    int status = 500;
+    CannedResponse(int status = 500, std::string body = std::string(), std::string contentType = "application/json")
+        : status(status), body(std::move(body)), contentType(std::move(contentType)) {}
+    int status;
     std::string body;
-    std::string contentType = "application/json";
+    std::string contentType;
+    std::vector<std::pair<std::string, std::string>> fields;  // more header fields ("Location", ...)
+    bool dropConnection = false;  // close the connection without answering
   };
-  using Interceptor = std::function<std::optional<CannedResponse>(const std::string& method, const std::string& path)>;
+  // Given the method and the request target (path and query, as sent).
+  using Interceptor = std::function<std::optional<CannedResponse>(const std::string& method, const std::string& target)>;
 
   // Binds 127.0.0.1 on `port` (0: any free port) and starts serving requests
   // within `limits`.
