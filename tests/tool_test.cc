@@ -330,5 +330,42 @@ TEST_F(ToolTest, DemoWalksThroughBothModelsOnStandardErrorAndWritesItsTrace) {
   EXPECT_TRUE(fs::exists(dir_ / "brivet-demo-cache.json"));
 }
 
+TEST_F(ToolTest, TheReferencePageShowsTheUsageAndEveryCommandOptionAndExitCode) {
+  const std::string page = slurp(BRIVET_SOURCE_DIR "/docs/tool.md");
+  const Run help = tool({"--help"});
+  ASSERT_EQ(help.exitCode, 0);
+  const std::size_t usage = page.find("```text\n");
+  ASSERT_NE(usage, std::string::npos);
+  EXPECT_EQ(page.substr(usage + 8, page.find("```", usage + 8) - usage - 8), help.out);
+
+  for (const char* command : {"get", "snapshot", "restore", "serve", "demo"}) {
+    EXPECT_NE(page.find(std::string("### `brivet ") + command + "`"), std::string::npos) << command;
+  }
+  for (int code = 0; code <= 5; ++code) {
+    EXPECT_NE(page.find("\n| " + std::to_string(code) + " | "), std::string::npos) << code;
+  }
+  EXPECT_EQ(page.find("\n| 6 | "), std::string::npos);
+
+  // Each option's row names exactly the commands that take it.
+  const std::map<std::string, std::string> values = {{"--url", "http://127.0.0.1:1/x"}, {"--timeout", "5"},
+                                                     {"--trace", "t.json"},              {"--port", "0"},
+                                                     {"--max-request", "2048"},          {"--progressive", ""},
+                                                     {"--refresh", ""}};
+  for (const auto& [option, value] : values) {
+    const std::size_t row = page.find("\n| `" + option);
+    ASSERT_NE(row, std::string::npos) << option << " has no row";
+    const std::size_t cells = page.find("` | ", row) + 4;
+    const std::string commands = page.substr(cells, page.find(" |", cells) - cells);
+    for (const char* command : {"get", "snapshot", "restore", "serve", "demo"}) {
+      std::vector<std::string> args = {command, option};
+      if (!value.empty()) args.push_back(value);
+      args.push_back("--zzz");  // stops the tool at parsing when the option applies
+      const Run run = tool(args);
+      const bool listed = (", " + commands + ",").find(std::string(", ") + command + ",") != std::string::npos;
+      EXPECT_EQ(run.err.find("does not apply") == std::string::npos, listed) << command << " " << option << ": " << run.err;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace brivet

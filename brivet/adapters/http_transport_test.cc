@@ -55,6 +55,9 @@ class LoopbackServer {
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     // bind_to_any_port already listens: early connections wait in the backlog.
+    // A stop() before the server runs would be lost and the destructor would
+    // wait forever for its accept loop, so the server must be running first.
+    while (!server_.is_running()) std::this_thread::yield();
   }
   ~LoopbackServer() {
     stopping_ = true;

@@ -250,6 +250,7 @@ struct JSONGraphServer::State {
   std::mutex mu;  // functions, interceptor; also runs functions and sets one at a time
   std::map<std::string, Function> functions;
   Interceptor interceptor;
+  RequestObserver observer;
 
   JSONGraph document() const { return cache->jsonGraph(); }
 
@@ -261,13 +262,16 @@ struct JSONGraphServer::State {
 
   std::optional<HTTPServerResponse> intercepted(const HTTPServerRequest& request) {
     Interceptor hook;
+    RequestObserver watch;
     {
       std::lock_guard<std::mutex> lock(mu);
       hook = interceptor;
+      watch = observer;
     }
+    const std::string target = request.query.empty() ? request.path : request.path + "?" + request.query;
+    if (watch) watch(request.method, target, request.body);
     if (!hook) return std::nullopt;
-    std::optional<CannedResponse> canned =
-        hook(request.method, request.query.empty() ? request.path : request.path + "?" + request.query);
+    std::optional<CannedResponse> canned = hook(request.method, target);
     if (!canned) return std::nullopt;
     HTTPServerResponse response;
     response.status = canned->status;
@@ -400,10 +404,18 @@ struct JSONGraphServer::State {
       if (invalidated.kind() == PathTree::Kind::Object && !invalidated.entries().empty()) cache->invalidate(invalidated);
       cache->merge(result->jsonGraph);
     });
-    std::vector<Path> answered = PathTree::fromPathArrays(result->paths).paths();
-    std::vector<Path> read = answered;
-    for (const Path& suffix : PathTree::fromPathArrays(suffixes).paths()) {
-      for (const Path& path : answered) read.push_back(concatenated(path, suffix));
+    std::vector<Path> read = PathTree::fromPathArrays(result->paths).paths();
+    // The suffixes are read below each answered path that ends on a reference.
+    const std::vector<Path> suffixPaths = PathTree::fromPathArrays(suffixes).paths();
+    if (const Array* answered = result->paths.asArray(); answered != nullptr && !suffixPaths.empty()) {
+      const JSONGraph now = document();
+      for (const Object& keys : *answered) {
+        const std::vector<std::string> path = textPath(keys);
+        std::optional<JSONGraph> node = now;
+        for (const std::string& key : path) node = node ? node->find(key) : std::nullopt;
+        if (!node || !isReference(*node)) continue;
+        for (const Path& suffix : suffixPaths) read.push_back(concatenated(textKeysPath(path), suffix));
+      }
     }
     const std::vector<std::string> owner(function.begin(), function.end() - (function.empty() ? 0 : 1));
     for (const Path& path : PathTree::fromPathArrays(thisPaths).paths()) {
@@ -456,6 +468,11 @@ void JSONGraphServer::registerFunction(const std::string& keyPath, Function func
 void JSONGraphServer::setInterceptor(Interceptor interceptor) {
   std::lock_guard<std::mutex> lock(state_->mu);
   state_->interceptor = std::move(interceptor);
+}
+
+void JSONGraphServer::setRequestObserver(RequestObserver observer) {
+  std::lock_guard<std::mutex> lock(state_->mu);
+  state_->observer = std::move(observer);
 }
 
 }  // namespace brivet::tools

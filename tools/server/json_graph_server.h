@@ -90,6 +90,11 @@ class JSONGraphServer {
   // `keyPath` names the function as clients call it ("lists.top.push").
   void registerFunction(const std::string& keyPath, Function function);
   void setInterceptor(Interceptor interceptor);
+  // Told every request the server reads (before any interceptor), for tests
+  // that check what a client sent.
+  using RequestObserver =
+      std::function<void(const std::string& method, const std::string& target, const std::string& body)>;
+  void setRequestObserver(RequestObserver observer);
 
   struct State;
 
