@@ -16,8 +16,10 @@ namespace {
 // Ranges are expanded key by key on the server: wider ones are refused.
 constexpr std::int64_t kMaxRangeWidth = 100000;
 // A write is re-rooted through at most this many references; a longer chain
-// (a cycle) stops there and the write lands where it stopped.
+// (a cycle) stops there and the write lands where it stopped. A set follows
+// at most kMaxReferencesPerSet in all, so no request can keep the server busy.
 constexpr std::size_t kMaxReferencesPerWrite = 1024;
+constexpr std::size_t kMaxReferencesPerSet = 100000;
 // Writes never land deeper than a document can nest.
 constexpr std::size_t kMaxWriteDepth = 256;
 
@@ -108,6 +110,8 @@ std::vector<std::string> landingPath(const JSONGraph& document, std::vector<std:
         std::vector<std::string> target = node->leaf().path();
         target.insert(target.end(), path.begin() + static_cast<std::ptrdiff_t>(i) + 1, path.end());
         path = std::move(target);
+        // Too deep to land anywhere: the caller refuses it.
+        if (path.size() > kMaxWriteDepth) return path;
         rerooted = true;
         break;
       }
@@ -150,9 +154,15 @@ Result<JSONGraph, RequestError> landedGraph(const JSONGraph& document, const JSO
   std::vector<std::string> path;
   writtenNodes(written, path, nodes);
   const Object root = Object::mutableDictionary();
+  std::size_t followed = 0;
   for (auto& [keys, node] : nodes) {
     std::size_t hops = 0;
     const std::vector<std::string> landing = landingPath(document, std::move(keys), hops);
+    followed += hops;
+    if (followed > kMaxReferencesPerSet) {
+      return Failure{RequestError{400, "tooManyReferences", "a set that follows more than " +
+                                                                std::to_string(kMaxReferencesPerSet) + " references"}};
+    }
     if (landing.size() > kMaxWriteDepth) {
       return Failure{RequestError{400, "writeTooDeep", "a write lands deeper than " + std::to_string(kMaxWriteDepth) +
                                                             " levels"}};
