@@ -153,7 +153,8 @@ Object BrivetModel::getKeyPaths(const std::optional<std::vector<std::string>>& k
     logDebug("getKeyPaths: missedKeyPaths %ld", request->missing.size());
     if (BrivetSignpost::isDataSourceEnabled()) {
       request->dataSourceSignpost =
-          BrivetSignpost::beginDataSourceForMethod("get", internal::joinStrings(request->missing, ", "));
+          BrivetSignpost::beginDataSourceForMethod("get", internal::joinStrings(request->missing, ", "),
+                                                   request->streamSignpost);
     }
     return fetchKeyPaths(
         request->missing, request->uuid,
@@ -175,7 +176,8 @@ Object BrivetModel::getKeyPaths(const std::optional<std::vector<std::string>>& k
   }
   if (request->completion) {
     const std::uint64_t cacheSignpost =
-        BrivetSignpost::isCacheEnabled() ? BrivetSignpost::beginCacheForMethod("get", joined) : 0;
+        BrivetSignpost::isCacheEnabled() ? BrivetSignpost::beginCacheForMethod("get", joined, request->streamSignpost)
+                                         : 0;
     logDebug("getKeyPaths: already have all the data");
     Object cached;
     const auto paths = rawPaths(request->paths);
@@ -214,7 +216,8 @@ void BrivetModel::handleGetResponse(const std::shared_ptr<GetRequest>& request, 
   }
   const std::uint64_t cacheSignpost =
       BrivetSignpost::isCacheEnabled()
-          ? BrivetSignpost::beginCacheForMethod("get", internal::joinStrings(request->missing, ", "))
+          ? BrivetSignpost::beginCacheForMethod("get", internal::joinStrings(request->missing, ", "),
+                                                request->streamSignpost)
           : 0;
   Object root;
   if (request->option == BrivetModelOptionNoCache) {
@@ -306,7 +309,8 @@ Object BrivetModel::callFunction(const std::shared_ptr<const BrivetFunctionCall>
     request->streamSignpost = BrivetSignpost::beginStreamForMethod("call", false, request->callKeyPath);
   }
   if (BrivetSignpost::isDataSourceEnabled()) {
-    request->dataSourceSignpost = BrivetSignpost::beginDataSourceForMethod("call", request->callKeyPath);
+    request->dataSourceSignpost =
+        BrivetSignpost::beginDataSourceForMethod("call", request->callKeyPath, request->streamSignpost);
   }
   request->taskName = function != nullptr && function->taskName() ? *function->taskName() : request->callKeyPath;
   beginTraceForTaskName(request->taskName, request->uuid);
@@ -407,7 +411,8 @@ void BrivetModel::handleCallResponse(const std::shared_ptr<CallRequest>& request
       return;
     }
   }
-  const std::uint64_t cacheSignpost = BrivetSignpost::beginCacheForMethod("call", request->callKeyPath);
+  const std::uint64_t cacheSignpost =
+      BrivetSignpost::beginCacheForMethod("call", request->callKeyPath, request->streamSignpost);
   const Object invalidated =
       valueFromResults(results, BRIVET_NODE_INVALIDATED_KEY, ObjectKind::Array, /*mutableOnly=*/false, nullptr);
   for (const Object& keys : invalidated.isArray() ? invalidated.asArray()->elements() : std::span<const Object>()) {

@@ -16,7 +16,6 @@ namespace brivet {
 namespace {
 
 using internal::isLeafNode;
-using internal::MutexLock;
 
 // Ranges up to this size are looked up index by index when collecting misses.
 constexpr std::int64_t kDenseMissLimit = 64;

@@ -36,7 +36,7 @@
 #include "brivet/platform/dispatch_queue.h"
 #include "brivet/platform/error.h"
 #include "brivet/platform/format.h"
-#include "brivet/platform/internal/mutex.h"
+#include "brivet/platform/mutex.h"
 #include "brivet/platform/object.h"
 #include "brivet/platform/uuid.h"
 
@@ -121,11 +121,6 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   // Whether "@range" occurs in the key path.
   static bool isKeyPathWithRange(std::string_view keyPath);
 
-  // --- Expiry ---
-  bool isLeafNodeExpired(const Object& node);
-  Object convertToAbsoluteExpiration(const Object& value);
-  Object convertLeafToAbsoluteExpiration(const Object& leaf);
-
   // --- Logging (gated; see the header comment) ---
   template <class... Args>
   void logError(std::string_view format, const Args&... args) {
@@ -153,6 +148,12 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
  private:
   struct GetRequest;
   struct CallRequest;
+
+  // Expiry (only when the data source enables it): whether a leaf has expired,
+  // and relative "$expires" values made absolute at merge time.
+  bool isLeafNodeExpired(const Object& node);
+  Object convertToAbsoluteExpiration(const Object& value);
+  Object convertLeafToAbsoluteExpiration(const Object& leaf);
 
   std::shared_ptr<BrivetLoggerDelegate> enabledLogger();
   std::shared_ptr<BrivetLoggerDelegate> enabledNetworkLogger();
@@ -183,7 +184,7 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   const Object jsongModel_;
   const std::shared_ptr<DispatchQueue> queue_;
 
-  mutable internal::Mutex delegatesMu_;
+  mutable Mutex delegatesMu_;
   std::weak_ptr<BrivetDataSource> dataSource_ BRIVET_GUARDED_BY(delegatesMu_);
   std::weak_ptr<BrivetLoggerDelegate> loggingDelegate_ BRIVET_GUARDED_BY(delegatesMu_);
   std::weak_ptr<BrivetPerformanceTraceDelegate> performanceTraceDelegate_ BRIVET_GUARDED_BY(delegatesMu_);

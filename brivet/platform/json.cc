@@ -124,7 +124,7 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
         }
       }
     }
-    Object dictionary = internal::makeDictionary(members, mutable_, distinct);
+    Object dictionary = detail::makeDictionary(members, mutable_, distinct);
     values_.resize(first);
     return push(std::move(dictionary));
   }
@@ -132,7 +132,7 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
   bool EndArray(rapidjson::SizeType elementCount) {
     --depth_;
     const std::size_t first = values_.size() - elementCount;
-    Object array = internal::makeArray(std::span<Object>(values_.data() + first, elementCount), mutable_);
+    Object array = detail::makeArray(std::span<Object>(values_.data() + first, elementCount), mutable_);
     values_.resize(first);
     return push(std::move(array));
   }

@@ -9,29 +9,29 @@
 namespace brivet {
 namespace {
 
-class NullObject final : public internal::ObjectBase {
+class NullObject final : public ObjectBase {
  public:
   NullObject() : ObjectBase(ObjectKind::Null) {}
 };
 
 // The singletons live for the whole process (never destroyed, so they stay
 // valid in blocks that still run while the process exits).
-const std::shared_ptr<internal::ObjectBase>& nullSingleton() {
-  static const auto* instance = new std::shared_ptr<internal::ObjectBase>(std::make_shared<NullObject>());
+const std::shared_ptr<ObjectBase>& nullSingleton() {
+  static const auto* instance = new std::shared_ptr<ObjectBase>(std::make_shared<NullObject>());
   return *instance;
 }
-const std::shared_ptr<internal::ObjectBase>& booleanSingleton(bool value) {
-  static const auto* yes = new std::shared_ptr<internal::ObjectBase>(std::make_shared<Number>(true));
-  static const auto* no = new std::shared_ptr<internal::ObjectBase>(std::make_shared<Number>(false));
+const std::shared_ptr<ObjectBase>& booleanSingleton(bool value) {
+  static const auto* yes = new std::shared_ptr<ObjectBase>(std::make_shared<Number>(true));
+  static const auto* no = new std::shared_ptr<ObjectBase>(std::make_shared<Number>(false));
   return value ? *yes : *no;
 }
 
 template <class T>
-const T& as(const std::shared_ptr<internal::ObjectBase>& impl) {
+const T& as(const std::shared_ptr<ObjectBase>& impl) {
   return static_cast<const T&>(*impl);
 }
 template <class T>
-T& asMutable(const std::shared_ptr<internal::ObjectBase>& impl) {
+T& asMutable(const std::shared_ptr<ObjectBase>& impl) {
   return static_cast<T&>(*impl);
 }
 
@@ -255,7 +255,7 @@ bool keyEqualsText(const Object& key, std::string_view text) {
 
 }  // namespace
 
-namespace internal {
+namespace detail {
 
 namespace {
 thread_local void* tTrailingStorage = nullptr;
@@ -320,7 +320,7 @@ Object makeDictionaryFrom(std::vector<Dictionary::Entry>& entries, bool isMutabl
   return makeDictionary(flat, isMutable, distinctKeys);
 }
 
-}  // namespace internal
+}  // namespace detail
 
 // --- Object construction ---
 
@@ -329,7 +329,7 @@ Object::Object(std::string_view text) : Object(string(text)) {}
 Object::Object(std::string text) : Object(string(text)) {}
 
 Object Object::string(std::string_view text) {
-  return fromImpl(internal::makeWithTrailing<String>(text.size(), internal::TrailingTag{}, text));
+  return fromImpl(detail::makeWithTrailing<String>(text.size(), detail::TrailingTag{}, text));
 }
 Object::Object(std::shared_ptr<CustomObject> custom) : impl_(std::move(custom)) {}
 
@@ -342,7 +342,7 @@ Object Object::integer(std::int64_t value) {
   constexpr std::int64_t kHigh = 2047;
   if (value < kLow || value > kHigh) return fromImpl(std::make_shared<Number>(value));
   static const auto* cache = [] {
-    auto* numbers = new std::vector<std::shared_ptr<internal::ObjectBase>>();
+    auto* numbers = new std::vector<std::shared_ptr<ObjectBase>>();
     numbers->reserve(kHigh - kLow + 1);
     for (std::int64_t i = kLow; i <= kHigh; ++i) numbers->push_back(std::make_shared<Number>(i));
     return numbers;
@@ -351,21 +351,21 @@ Object Object::integer(std::int64_t value) {
 }
 Object Object::unsignedInteger(std::uint64_t value) { return fromImpl(std::make_shared<Number>(value)); }
 Object Object::real(double value) { return fromImpl(std::make_shared<Number>(value)); }
-Object Object::array(std::vector<Object> elements) { return internal::makeArray(elements, false); }
+Object Object::array(std::vector<Object> elements) { return detail::makeArray(elements, false); }
 Object Object::array(std::initializer_list<Object> elements) { return array(std::vector<Object>(elements)); }
-Object Object::mutableArray(std::vector<Object> elements) { return internal::makeArray(elements, true); }
-Object Object::dictionary(std::vector<Entry> entries) { return internal::makeDictionaryFrom(entries, false, false); }
+Object Object::mutableArray(std::vector<Object> elements) { return detail::makeArray(elements, true); }
+Object Object::dictionary(std::vector<Entry> entries) { return detail::makeDictionaryFrom(entries, false, false); }
 Object Object::dictionary(std::initializer_list<Entry> entries) {
   return dictionary(std::vector<Entry>(entries));
 }
 Object Object::mutableDictionary(std::vector<Entry> entries) {
-  return internal::makeDictionaryFrom(entries, true, false);
+  return detail::makeDictionaryFrom(entries, true, false);
 }
 Object Object::mutableDictionary(std::initializer_list<Entry> entries) {
   return mutableDictionary(std::vector<Entry>(entries));
 }
 Object Object::dictionaryWithDistinctKeys(std::vector<Entry> entries, bool isMutable) {
-  return internal::makeDictionaryFrom(entries, isMutable, true);
+  return detail::makeDictionaryFrom(entries, isMutable, true);
 }
 Object Object::date(Date value) { return fromImpl(std::make_shared<DateObject>(value)); }
 Object Object::data(std::vector<std::uint8_t> bytes) { return fromImpl(std::make_shared<Data>(std::move(bytes))); }
@@ -510,7 +510,7 @@ std::string Object::description() const {
 namespace {
 Object copyArray(const Array& a, bool isMutable) {
   std::vector<Object> elements(a.begin(), a.end());
-  return internal::makeArray(elements, isMutable);
+  return detail::makeArray(elements, isMutable);
 }
 Object copyDictionary(const Dictionary& d, bool isMutable) {
   std::vector<Object> flat;
@@ -519,7 +519,7 @@ Object copyDictionary(const Dictionary& d, bool isMutable) {
     flat.push_back(k);
     flat.push_back(v);
   }
-  return internal::makeDictionary(flat, isMutable, true);
+  return detail::makeDictionary(flat, isMutable, true);
 }
 }  // namespace
 
@@ -678,8 +678,8 @@ std::string Number::description() const {
 
 // --- String ---
 
-String::String(internal::TrailingTag, std::string_view text) : ObjectBase(ObjectKind::String), size_(text.size()) {
-  char* storage = static_cast<char*>(internal::takeTrailingStorage());
+String::String(detail::TrailingTag, std::string_view text) : ObjectBase(ObjectKind::String), size_(text.size()) {
+  char* storage = static_cast<char*>(detail::takeTrailingStorage());
   heap_ = storage == nullptr && !text.empty();
   if (heap_) storage = static_cast<char*>(::operator new(text.size()));
   if (!text.empty()) __builtin_memcpy(storage, text.data(), text.size());
@@ -738,9 +738,9 @@ std::size_t String::hashText(std::string_view text) {
 
 // --- Array ---
 
-Array::Array(internal::TrailingTag, std::size_t capacity, bool isMutable)
+Array::Array(detail::TrailingTag, std::size_t capacity, bool isMutable)
     : ObjectBase(ObjectKind::Array),
-      elements_(static_cast<Object*>(internal::takeTrailingStorage()), capacity),
+      elements_(static_cast<Object*>(detail::takeTrailingStorage()), capacity),
       mutable_(isMutable) {}
 
 Array::~Array() {
@@ -784,9 +784,9 @@ void Array::removeAll() {
 
 // --- Dictionary ---
 
-Dictionary::Dictionary(internal::TrailingTag, std::size_t capacity, bool isMutable)
+Dictionary::Dictionary(detail::TrailingTag, std::size_t capacity, bool isMutable)
     : ObjectBase(ObjectKind::Dictionary),
-      entries_(static_cast<Entry*>(internal::takeTrailingStorage()), capacity),
+      entries_(static_cast<Entry*>(detail::takeTrailingStorage()), capacity),
       mutable_(isMutable) {}
 
 Dictionary::~Dictionary() {

@@ -61,7 +61,7 @@ class Walkthrough {
     const auto elapsed = since(start);
     const Session::Requests requests = session_.takeRequests();
     if (!outcome.ended || outcome.error) {
-      expect(false, outcome.error ? outcome.error->localizedDescription() : "no answer in time");
+      expect(false, outcome.error ? oneLine(outcome.error->description()) : "no answer in time");
       return {};
     }
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
@@ -221,7 +221,8 @@ void facadeWalk(Walkthrough& w, Session& session) {
 
 }  // namespace
 
-int runDemo(const ToolOptions& given, std::ostream& out, std::ostream& err) {
+int runDemo(const ToolOptions& given, std::ostream& err) {
+  std::ostream& out = err;  // the walk-through is human text: standard error
   ToolOptions options = given;
   options.url.reset();  // the demo always runs against its own server
   const std::string tracePath = options.tracePath.value_or("brivet-demo-trace.json");

@@ -24,7 +24,7 @@ const std::shared_ptr<DispatchQueue>& cacheQueue() {
 }
 
 Result<CacheValues, BrivetError> getValues(const JSONGraph& graph, const PathTree& pathTree, bool checkExpiry) {
-  return internal::readValues(graph.slot(), pathTree, checkExpiry);
+  return internal::readValues(internal::slot(graph), pathTree, checkExpiry);
 }
 
 namespace {
@@ -112,11 +112,11 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     if (prefixes_ && internal::treeTouches(pathTree, *prefixes_)) {
       // The raw sub-graph, handed over as a value in its wire form.
       Result<internal::Extraction, BrivetError> extracted =
-          internal::extract(state->graph.slot(), pathTree.paths(), true);
+          internal::extract(internal::slot(state->graph), pathTree.paths(), true);
       if (!extracted.ok()) return Failure{extracted.error()};
       return CacheValues{JSONValue::fromAny(internal::graphSlotToAny(extracted->graph.get())), PathTree(), PathTree()};
     }
-    return internal::readValues(state->graph.slot(), pathTree, checkExpiry);
+    return internal::readValues(internal::slot(state->graph), pathTree, checkExpiry);
   }
 
   CacheEnvelope getCache(const std::optional<PathTree>& pathTree) const override {
@@ -124,14 +124,14 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     if (!pathTree) return CacheEnvelope{state->graph, state->version};
     const bool includeBranches = prefixes_ && internal::treeTouches(*pathTree, *prefixes_);
     Result<internal::Extraction, BrivetError> extracted =
-        internal::extract(state->graph.slot(), pathTree->paths(), includeBranches);
+        internal::extract(internal::slot(state->graph), pathTree->paths(), includeBranches);
     if (!extracted.ok()) return CacheEnvelope{state->graph, state->version};
-    return CacheEnvelope{JSONGraph::fromSlot(std::move(extracted->graph)), state->version};
+    return CacheEnvelope{internal::graphFromSlot(std::move(extracted->graph)), state->version};
   }
 
   Object getJSON(const std::vector<Path>& paths) const override {
     const std::shared_ptr<const State> state = current();
-    const Slot root = state->graph.slot();
+    const Slot root = internal::slot(state->graph);
     std::vector<Object> found;
     found.reserve(paths.size());
     for (const Path& path : paths) {
@@ -204,25 +204,25 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
   // merge and the invalidation answer the old node wherever nothing changed).
   void replaceIfChanged(SlotRef replacement) {
     const std::shared_ptr<const State> state = current();
-    if (replacement.get() == state->graph.slot()) return;
-    publish(JSONGraph::fromSlot(std::move(replacement)), nextVersion(state->version));
+    if (replacement.get() == internal::slot(state->graph)) return;
+    publish(internal::graphFromSlot(std::move(replacement)), nextVersion(state->version));
   }
 
   void applyMerge(const JSONGraph& incoming) {
     // The root stays an object branch: a response that is not one has nothing to merge into it.
     if (!incoming.isObject()) return;
     const std::shared_ptr<const State> state = current();
-    replaceIfChanged(SlotRef(internal::mergeGraph(incoming.slot(), state->graph.slot())));
+    replaceIfChanged(SlotRef(internal::mergeGraph(internal::slot(incoming), internal::slot(state->graph))));
   }
 
   void applyInvalidation(const PathTree& tree) {
     // First what the references on the way lead to, then the requested entries themselves.
-    const std::vector<Path> refPaths = internal::referencePaths(current()->graph.slot(), tree.paths());
+    const std::vector<Path> refPaths = internal::referencePaths(internal::slot(current()->graph), tree.paths());
     if (!refPaths.empty()) {
       const PathTree refTree = PathTree::fromPaths(refPaths);
-      replaceIfChanged(SlotRef(internal::invalidateGraph(current()->graph.slot(), refTree)));
+      replaceIfChanged(SlotRef(internal::invalidateGraph(internal::slot(current()->graph), refTree)));
     }
-    replaceIfChanged(SlotRef(internal::invalidateGraph(current()->graph.slot(), tree)));
+    replaceIfChanged(SlotRef(internal::invalidateGraph(internal::slot(current()->graph), tree)));
   }
 
   mutable internal::Mutex stateMu_;

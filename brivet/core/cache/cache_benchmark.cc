@@ -12,6 +12,7 @@
 #include <string>
 
 #include "brivet/core/cache/cache.h"
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/testing/catalogue.h"
 
 namespace brivet {
@@ -62,7 +63,7 @@ JSONGraph catalogueGraph(std::size_t first, std::size_t count, std::size_t listI
     lists.add("top", top.build());
     root.add("lists", lists.build());
   }
-  return JSONGraph::fromSlot(SlotRef(root.build()));
+  return internal::graphFromSlot(SlotRef(root.build()));
 }
 
 // A cache holding `others` videos (v<kItems>...) and, when `warm`, the response's list and videos too.

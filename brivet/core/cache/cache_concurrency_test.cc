@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "brivet/core/cache/cache.h"
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/testing/catalogue.h"
 
 namespace brivet {
@@ -37,8 +38,8 @@ class CacheConcurrencyTest : public ::testing::Test {
  protected:
   void SetUp() override {
     JSONGraph start = step(0);
-    start = JSONGraph::fromSlot(internal::SlotRef(internal::mergeValues(
-        JSONGraph::fromAny(testing::catalogueVideos(0, 4, testing::Dialect::Core)).slot(), start.slot())));
+    start = internal::graphFromSlot(internal::SlotRef(internal::mergeValues(
+        internal::slot(JSONGraph::fromAny(testing::catalogueVideos(0, 4, testing::Dialect::Core))), internal::slot(start))));
     cache_ = Cache::create(start, std::nullopt, std::vector<std::string>{"a", "b"});
   }
   // Runs `reader` on several threads until the writes are done (the cache reaches `finalVersion`).

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/platform/json.h"
 
 namespace brivet {
@@ -73,7 +74,7 @@ Result<std::optional<CacheEnvelope>> CacheEnvelope::fromJSONText(std::string_vie
     const std::optional<JSONGraph> graph = read->find(kGraphKey);
     const std::optional<JSONGraph> version = read->find(kVersionKey);
     if (!graph || !version || !graph->isObject()) return std::optional<CacheEnvelope>();
-    const internal::Slot v = version->slot();
+    const internal::Slot v = internal::slot(*version);
     if (!internal::isNumberSlot(v) && !internal::isBooleanSlot(v)) return std::optional<CacheEnvelope>();
     return envelopeOf(*graph, internal::numberOf(v).uint64Value());
   }

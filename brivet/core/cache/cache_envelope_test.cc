@@ -8,6 +8,7 @@
 #include <string>
 
 #include "brivet/core/cache/cache.h"
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/platform/json.h"
 #include "brivet/testing/catalogue.h"
 
@@ -100,7 +101,7 @@ TEST_F(CacheSnapshotTest, SnapshotsWithoutAnEnvelopeAreIgnoredWithoutAnError) {
     ASSERT_TRUE(restore(*cache, text)) << text;
     EXPECT_EQ(cache->version(), 1u) << text;
   }
-  EXPECT_EQ(cache->jsonGraph().slot(), before.slot());
+  EXPECT_EQ(internal::slot(cache->jsonGraph()), internal::slot(before));
   EXPECT_FALSE(CacheEnvelope::fromDictionary(
       Object::dictionary({{"jsonGraph", Object::dictionary({{Object(7), Object(1)}})}, {"$_version", 1}})));
   EXPECT_FALSE(CacheEnvelope::fromDictionary(Object(1)));

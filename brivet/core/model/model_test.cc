@@ -352,7 +352,7 @@ TEST_F(TovModelTest, AModelWithoutAURLAnswersFromItsCache) {
 }
 
 TEST_F(TovModelTest, WithoutDataSourceSharesTheCacheAndNeverFetches) {
-  auto local = std::dynamic_pointer_cast<TovInternalModel>(model_->withoutDataSource());
+  auto local = model_->withoutDataSource();
   ASSERT_NE(local, nullptr);
   EXPECT_EQ(local->loggingDelegate(), logger_);
   EXPECT_EQ(local->httpClient(), nullptr);

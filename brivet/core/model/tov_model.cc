@@ -121,12 +121,12 @@ const InternalModel& TovInternalModel::internalModel() {
 // --- TovModel ---
 
 std::shared_ptr<TovLoggingDelegate> TovInternalModel::loggingDelegate() const {
-  internal::MutexLock lock(mu_);
+  MutexLock lock(mu_);
   return loggingDelegate_.lock();
 }
 
 void TovInternalModel::setLoggingDelegate(const std::shared_ptr<TovLoggingDelegate>& delegate) {
-  internal::MutexLock lock(mu_);
+  MutexLock lock(mu_);
   loggingDelegate_ = delegate;
 }
 
@@ -175,7 +175,7 @@ void TovInternalModel::invalidateWithKeyPaths(const KeyPaths& keyPaths) {
   cache_->invalidate(PathTree::fromKeyPaths(keyPaths));
 }
 
-std::shared_ptr<TovModel> TovInternalModel::withoutDataSource() {
+std::shared_ptr<TovInternalModel> TovInternalModel::withoutDataSource() {
   return std::make_shared<TovInternalModel>(Passkey{}, cache_, std::nullopt, std::weak_ptr<TovHTTPClientProtocol>(),
                                             loggingDelegate());
 }

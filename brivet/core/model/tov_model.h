@@ -47,7 +47,7 @@
 #include "brivet/core/model/tov_operations.h"
 #include "brivet/core/model/tov_protocols.h"
 #include "brivet/platform/error.h"
-#include "brivet/platform/internal/mutex.h"
+#include "brivet/platform/mutex.h"
 #include "brivet/platform/object.h"
 #include "brivet/platform/result.h"
 
@@ -83,6 +83,8 @@ class TovFunctionCall {
   std::optional<std::vector<std::string>> returnKeyPathSuffixes_;
 };
 
+class TovInternalModel;
+
 // A completion: the last progress dictionary (nil when none came) and the error (none for success).
 using TovCompletion = std::function<void(const Object& result, const std::optional<Error>& error)>;
 
@@ -110,7 +112,8 @@ class TovModel {
   // Replaces the cache with a snapshot dictionary; anything else is ignored.
   virtual void setCache(const Object& snapshot) = 0;
   virtual void invalidateWithKeyPaths(const KeyPaths& keyPaths) = 0;
-  virtual std::shared_ptr<TovModel> withoutDataSource() = 0;
+  // A model over the same cache that never fetches, with both faces of this one.
+  virtual std::shared_ptr<TovInternalModel> withoutDataSource() = 0;
 };
 
 class TovModelLegacy {
@@ -192,7 +195,7 @@ class TovInternalModel final : public TovModel,
   Object getCacheWithKeyPaths(const std::optional<KeyPaths>& keyPaths) override;
   void setCache(const Object& snapshot) override;
   void invalidateWithKeyPaths(const KeyPaths& keyPaths) override;
-  std::shared_ptr<TovModel> withoutDataSource() override;
+  std::shared_ptr<TovInternalModel> withoutDataSource() override;
 
   // --- TovModelLegacy ---
   std::shared_ptr<TovSubscription> getKeyPaths(const KeyPaths& keyPaths, TovCompletion completion) override;
@@ -250,7 +253,7 @@ class TovInternalModel final : public TovModel,
   const std::int64_t maxRetries_ = 0;
   std::once_flag internalModelOnce_;
   std::optional<InternalModel> internalModel_;  // written once, under internalModelOnce_
-  mutable internal::Mutex mu_;
+  mutable Mutex mu_;
   std::weak_ptr<TovLoggingDelegate> loggingDelegate_ BRIVET_GUARDED_BY(mu_);
 };
 

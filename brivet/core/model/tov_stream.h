@@ -42,8 +42,8 @@ class TovStream {
 
   const std::shared_ptr<Stream<T>>& stream() const { return stream_; }
 
-  std::shared_ptr<InternalSubscription> subscribeWithProgressBlock(ProgressBlock progressBlock,
-                                                                   CompletionBlock completionBlock) const {
+  std::shared_ptr<Subscription> subscribeWithProgressBlock(ProgressBlock progressBlock,
+                                                           CompletionBlock completionBlock) const {
     return stream_->subscribe([progressBlock = std::move(progressBlock),
                                completionBlock = std::move(completionBlock)](const BrivetResult<T>& result) {
       if (const T* value = result.value()) {

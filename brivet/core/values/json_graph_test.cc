@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/testing/catalogue.h"
 #include "brivet/testing/hard_numbers.h"
 
@@ -222,7 +223,7 @@ TEST(JSONGraphTextTest, StringsOfEveryLengthOutliveTheText) {
   EXPECT_EQ(*g, JSONGraph::fromAny(parseJSON(text).value()));
   const JSONGraph k260 = *g->find("k260" + std::string(0, 'x'));
   EXPECT_EQ(k260.find("plain")->leaf().primitive().stringValue(), std::string(260, 'a'));
-  EXPECT_EQ(k260.find("list")->at(1).leaf().primitive().stringValue(), std::string(260, 'a'));
+  EXPECT_EQ(k260.find("list")->at(1)->leaf().primitive().stringValue(), std::string(260, 'a'));
   EXPECT_EQ(k260.find("ref")->leaf().path()[0], std::string(260, 'a'));
   EXPECT_EQ(g->toJSONText().value(), writeJSON(g->toAnyType()).value());
 }
@@ -230,9 +231,9 @@ TEST(JSONGraphTextTest, StringsOfEveryLengthOutliveTheText) {
 TEST(JSONGraphPlainTest, PlainBranchesReadAsJSONValues) {
   const Object video = testing::catalogueVideo(3, testing::Dialect::Core);
   const JSONGraph g = JSONGraph::fromAny(video);
-  ASSERT_TRUE(internal::isPlain(g.slot()));
+  ASSERT_TRUE(internal::isPlain(internal::slot(g)));
   // Read as a JSON value, the atom is its value.
-  const JSONValue asValue = JSONValue::fromSlot(internal::SlotRef::retained(g.slot()));
+  const JSONValue asValue = internal::valueFromSlot(internal::SlotRef::retained(internal::slot(g)));
   Object expected = video.mutableCopy();
   expected.setValueForKey(video["boxart"]["value"], "boxart");
   EXPECT_EQ(asValue, JSONValue::fromAny(expected));
@@ -243,7 +244,7 @@ TEST(JSONGraphPlainTest, PlainBranchesReadAsJSONValues) {
   for (const char* leaf : {R"({"$type":"ref","value":["a"]})", R"({"$type":"error","value":1})",
                            R"({"$type":"atom","value":1,"$expires":1})", R"({"$type":"atom"})"}) {
     const JSONGraph branch = JSONGraph::fromJSONText(std::string(R"({"x":{"y":)") + leaf + "}}").value();
-    EXPECT_FALSE(internal::isPlain(branch.slot())) << leaf;
+    EXPECT_FALSE(internal::isPlain(internal::slot(branch))) << leaf;
   }
 }
 

@@ -10,6 +10,7 @@
 // result and the errors are exactly theirs.
 #include <algorithm>
 
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/json_graph.h"
 #include "brivet/platform/internal/json_scalars.h"
 #include "brivet/platform/internal/rapidjson.h"
@@ -442,7 +443,7 @@ Result<JSONGraph> JSONGraph::fromJSONText(std::string_view text, const Object& d
   const rapidjson::ParseResult parsed = reader.Parse<kGraphParseFlags>(stream, builder);
   if (parsed.IsError() || builder.failed() || stream.Tell() != text.size()) return generalRoad();
   if (!(options & JSONReadingOptions::FragmentsAllowed) && !builder.topIsContainer()) return generalRoad();
-  return JSONGraph(SlotRef(builder.takeResult()));
+  return JSONGraph(ValueStorage(builder.takeResult()));
 }
 
 Result<std::string> JSONGraph::toJSONText(JSONWritingOptions options) const {

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <unordered_map>
 
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/json_graph.h"
 #include "brivet/platform/precondition.h"
 
@@ -523,7 +524,7 @@ PathTree treeOfGraphSlot(internal::Slot s) {
 }
 }  // namespace
 
-PathTree PathTree::fromGraph(const JSONGraph& graph) { return treeOfGraphSlot(graph.slot()); }
+PathTree PathTree::fromGraph(const JSONGraph& graph) { return treeOfGraphSlot(internal::slot(graph)); }
 
 PathTree PathTree::merge(const PathTree& newTree, const PathTree& accumulated) {
   Builder acc;

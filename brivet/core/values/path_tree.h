@@ -139,7 +139,9 @@ class KeyIterator {
  public:
   explicit KeyIterator(std::span<const Key> keys) : currentSlice_(keys) {}
   // The next key as text, or nullopt when the slice is done (and from then on).
-  // Precondition: a range is not reversed (check ranges from outside first).
+  // A checked precondition, the one lookup that stops the program (the path
+  // grammar demands it): a range is not reversed. Check ranges from outside
+  // first.
   std::optional<std::string_view> next();
 
  private:

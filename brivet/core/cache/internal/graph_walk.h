@@ -21,6 +21,7 @@
 #include "brivet/core/cache/cache.h"
 #include "brivet/core/values/brivet_error.h"
 #include "brivet/core/values/internal/node.h"
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/path_tree.h"
 #include "brivet/platform/result.h"
 

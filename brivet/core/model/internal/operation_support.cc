@@ -95,7 +95,7 @@ void Run::complete() const {
 }
 
 void Run::beginDataSource(std::string_view method, const std::string& path) {
-  dataSourceID_ = beginInterval(dataSourceLog(), "method=%@, path=%@", method, path);
+  dataSourceID_ = beginChildInterval(dataSourceLog(), streamID_, "method=%@, path=%@", method, path);
 }
 
 void Run::accumulate(const std::optional<BrivetError>& error) {
