@@ -207,8 +207,14 @@ int commandRestore(ToolOptions options, std::ostream& out, std::ostream& err) {
     return fail(err, {kExitFile, file + " holds no cache snapshot (no \"jsonGraph\" object and \"$_version\" number)"});
   }
   auto model = TovBrivet::createTovModelWithUrl(std::nullopt, nullptr);
-  if (Result<void> restored = model->deserializeCache(text.value()); !restored.ok()) {
+  Result<SnapshotReport> restored = model->deserializeCache(text.value());
+  if (!restored.ok()) {
     return fail(err, {kExitFile, "cannot restore " + file + ": " + restored.error().localizedDescription()});
+  }
+  // What the restore refused or left out is said before anything is read from it.
+  if (!restored->restored()) return fail(err, {kExitFile, "cannot restore " + file + ": " + restored->refusal});
+  if (restored->unreadableEntries > 0 || restored->expiredLeaves > 0) {
+    err << "restore: " << file << " " << restored->description() << "\n";
   }
   const StreamOutcome outcome =
       await(model->withoutDataSource()->getWithKeyPaths(options.arguments)->asStream(), options.timeout);

@@ -1,7 +1,6 @@
 #include "brivet/core/cache/cache.h"
 
 #include <atomic>
-#include <limits>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -65,8 +64,9 @@ struct State {
   std::shared_ptr<Memo> memo = std::make_shared<Memo>();
 };
 
+// Versions stay within 0...kMaxCacheVersion, so that every snapshot restores (cache_envelope.h).
 std::uint64_t nextVersion(std::uint64_t version) {
-  if (version == std::numeric_limits<std::uint64_t>::max()) BRIVET_FATAL("cache version stepped past its maximum");
+  if (version >= kMaxCacheVersion) BRIVET_FATAL("cache version stepped past its maximum");
   return version + 1;
 }
 
@@ -186,6 +186,7 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     write([tree = std::move(pathTree)](CacheImpl& cache) { cache.applyInvalidation(tree); });
   }
   void setCache(CacheEnvelope envelope) override {
+    BRIVET_PRECONDITION(envelope.version <= kMaxCacheVersion, "cache version above kMaxCacheVersion");
     write([envelope = std::move(envelope)](CacheImpl& cache) { cache.publish(envelope.jsonGraph, envelope.version); });
   }
 

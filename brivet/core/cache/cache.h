@@ -97,6 +97,8 @@ class CacheProtocol {
 
   virtual void merge(JSONGraph jsonGraph) = 0;
   virtual void invalidate(PathTree pathTree) = 0;
+  // Precondition: `envelope.version` <= kMaxCacheVersion (the snapshot readers
+  // give no other).
   virtual void setCache(CacheEnvelope envelope) = 0;
 };
 

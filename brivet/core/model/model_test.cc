@@ -578,17 +578,22 @@ TEST_F(TovModelTest, SnapshotsGoOutAndComeBack) {
 
   Result<std::string> text = model_->serializeCacheWithKeyPaths(std::nullopt);
   ASSERT_TRUE(text.ok());
-  ASSERT_TRUE(fresh->deserializeCache(text.value()).ok());
+  Result<SnapshotReport> restored = fresh->deserializeCache(text.value());
+  ASSERT_TRUE(restored.ok());
+  EXPECT_EQ(restored->description(), "restored");
   EXPECT_TRUE(equalsJSON(fresh->valueForKeyPath("lists.top.0.title"), R"("Title 0")"));
 
-  EXPECT_TRUE(fresh->deserializeCache("[]").ok());  // JSON, but no snapshot: ignored
-  Result<void> broken = fresh->deserializeCache("{\"jsonGraph\":");
+  // JSON, but no snapshot: ignored without an error; the report says why.
+  Result<SnapshotReport> array = fresh->deserializeCache("[]");
+  ASSERT_TRUE(array.ok());
+  EXPECT_EQ(array->description(), "not restored: the snapshot is not a dictionary");
+  Result<SnapshotReport> broken = fresh->deserializeCache("{\"jsonGraph\":");
   ASSERT_FALSE(broken.ok());
   EXPECT_EQ(broken.error().domain(), kJSONErrorDomain);
 
-  fresh->setCache(json(R"({"jsonGraph": {}})"));  // no version: ignored
+  EXPECT_EQ(fresh->setCache(json(R"({"jsonGraph": {}})")).refusal, "no \"$_version\" number");
   EXPECT_TRUE(equalsJSON(fresh->valueForKeyPath("lists.top.0.title"), R"("Title 0")"));
-  fresh->setCache(json(R"({"jsonGraph": {"a": 1}, "$_version": 0})"));
+  EXPECT_TRUE(fresh->setCache(json(R"({"jsonGraph": {"a": 1}, "$_version": 0})")).restored());
   EXPECT_EQ(fresh->version(), 0u);
   EXPECT_TRUE(equalsJSON(fresh->valueForKey("a"), "1"));
 }

@@ -10,6 +10,7 @@
 // result and the errors are exactly theirs.
 #include <algorithm>
 
+#include "brivet/core/values/internal/unreadable.h"
 #include "brivet/core/values/json_graph.h"
 #include "brivet/platform/internal/rapidjson.h"
 #include "brivet/platform/internal/utf8.h"
@@ -114,6 +115,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
 
   bool failed() const { return tooDeep_ || needsGeneralRoad_; }
   bool topIsContainer() const { return topIsContainer_; }
+  std::size_t unreadable() const { return unreadable_; }
   Slot takeResult() { return std::exchange(result_, internal::kEmpty); }
 
  private:
@@ -245,6 +247,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     Slot built = internal::kNull;
     if (value == internal::kEmpty) {
       built = internal::kUndefined;
+      if (internal::stringOf(type) != "atom") ++unreadable_;  // an error or a reference without its value
     } else if (f.valueChild == 2) {
       needsGeneralRoad_ = true;  // the value was read as a graph before the "$type" that makes it plain
     } else {
@@ -262,6 +265,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
           built = internal::makeLeaf(internal::LeafKind::Ref, value, metadata(f.start, false));
         }
       }
+      if (built == internal::kNull) ++unreadable_;
     }
     for (std::size_t i = f.start; i < entries_.size(); ++i) {
       internal::release(entries_[i].key);
@@ -280,6 +284,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool tooDeep_ = false;
   bool needsGeneralRoad_ = false;
   bool topIsContainer_ = false;
+  std::size_t unreadable_ = 0;  // "$type" dictionaries that read as null or lost their value
   const std::size_t scratchMark_;
 };
 
@@ -415,6 +420,7 @@ Result<JSONGraph> JSONGraph::fromJSONText(std::string_view text, const Object& d
   const rapidjson::ParseResult parsed = reader.Parse<kFlags>(stream, builder);
   if (parsed.IsError() || builder.failed() || stream.Tell() != text.size()) return generalRoad();
   if (!(options & JSONReadingOptions::FragmentsAllowed) && !builder.topIsContainer()) return generalRoad();
+  internal::noteUnreadable(builder.unreadable());
   return JSONGraph(SlotRef(builder.takeResult()));
 }
 
