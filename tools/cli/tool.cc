@@ -367,10 +367,17 @@ ToolFailure Session::failureFor(const Error& error, const std::optional<Error>& 
 
 StreamOutcome await(const TovStream<JSONEnvelope>& stream, std::chrono::milliseconds timeout) {
   auto outcome = std::make_shared<StreamOutcome>();
-  auto subscription = stream.subscribeWithProgressBlock(
+  auto subscription = stream.subscribeWithProgressAndFailure(
       [outcome](const Object& value) { outcome->values.push_back(value); },
-      [outcome](const std::optional<Error>& error) {
-        outcome->error = error;
+      [outcome](const StreamError* failure) {
+        if (failure != nullptr) {
+          // The platform error of a core failure only names its case ("BrivetCore.BrivetError error 1"); the
+          // tool shows the core's own text instead, which says which path failed and why.
+          const Error error = failure->toError();
+          outcome->error = failure->isBrivetError()
+                               ? Error::withDescription(error.domain(), error.code(), failure->text())
+                               : error;
+        }
         outcome->ended = true;
       });
   DispatchQueue::main()->runUntil([&] { return outcome->ended; }, timeout);

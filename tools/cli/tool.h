@@ -97,7 +97,8 @@ class Session {
 };
 
 // Subscribes to a stream and runs the main queue until it ends (or `timeout`):
-// every value, and the error if it failed.
+// every value, and the error if it failed (for a core failure, an error of the
+// same domain and code whose localized description is the core's one-line text).
 struct StreamOutcome {
   std::vector<Object> values;
   std::optional<Error> error;

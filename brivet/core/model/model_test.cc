@@ -142,7 +142,9 @@ TEST_F(TovModelTest, ACachedErrorFailsAfterTheValue) {
   EXPECT_EQ(events.failures[0].domain(), "BrivetCore.BrivetError");
   EXPECT_EQ(events.failures[0].code(), 1);
   ASSERT_EQ(logger_->errors().size(), 1u);
-  EXPECT_EQ(logger_->errors()[0].rfind("cache failure: responseJSONGraphFailed(reason: pathBoundErrors(", 0), 0u);
+  EXPECT_EQ(logger_->errors()[0],
+            "cache failure: responseJSONGraphFailed (pathBoundErrors): 1 error: at videos.v0.title: "
+            "{\"message\":\"gone\"}");
   EXPECT_EQ(client_->requestCount(), 0u);
 }
 
@@ -187,7 +189,7 @@ TEST_F(TovModelTest, PathErrorsInTheAnswerFailAfterItsValues) {
   ASSERT_EQ(error.jsonGraphReason()->errors().size(), 1u);
   EXPECT_EQ(error.jsonGraphReason()->errors()[0].path, (std::vector<std::string>{"videos", "v1", "title"}));
   ASSERT_EQ(logger_->errors().size(), 1u);
-  EXPECT_EQ(logger_->errors()[0], "dataSource failure: " + error.description());
+  EXPECT_EQ(logger_->errors()[0], "dataSource failure: " + error.text());
 }
 
 TEST_F(TovModelTest, HTTPFailuresBecomeReasonsFromTheirBody) {
@@ -222,8 +224,8 @@ TEST_F(TovModelTest, ADataSourceFailureReachesTheApplication) {
   EXPECT_EQ(events.failures[0].domain(), "BrivetCore.BrivetError");
   EXPECT_EQ(events.failures[0].code(), 0);
   EXPECT_EQ(logger_->errors(),
-            (std::vector<std::string>{"dataSource failure: responseDataSourceFailed(reason: badRequest(code: \"E1\", "
-                                      "message: \"boom\"))"}));
+            (std::vector<std::string>{
+                "dataSource failure: responseDataSourceFailed (badRequest): code \"E1\", message \"boom\""}));
 
   // An error without HTTP details passes through as the client made it.
   client_->reply = {{}, Error("NetworkDomain", -1001)};
