@@ -57,6 +57,55 @@ Object childOf(const Object& node, const Object& key) {
   return node.isCustom() ? node.valueForKey(keyText(key)) : Object();
 }
 
+// The cache writes into its dictionaries (merges, fetched answers, sets, invalidations), so every dictionary it
+// holds must be mutable: an immutable one would silently drop every later write under it. Dictionaries that come
+// in immutable are replaced by mutable copies where they enter; the helpers below do that.
+
+// `value` itself when it is not an immutable dictionary, else a mutable (shallow) copy.
+Object writable(const Object& value) {
+  return value.isDictionary() && !value.isMutableDictionary() ? value.mutableCopy() : value;
+}
+
+// A copy of `value` in which every dictionary is a new mutable one (values of other kinds are shared). Nesting
+// past the merge's bound is kept as it is.
+Object deepWritableCopy(const Object& value, std::size_t depth = 0) {
+  const Dictionary* d = value.asDictionary();
+  if (d == nullptr || depth > internal::kMaxMergeDepth) return value;
+  std::vector<Object::Entry> entries;
+  entries.reserve(d->size());
+  for (const auto& [key, child] : *d) entries.emplace_back(key, deepWritableCopy(child, depth + 1));
+  return Object::dictionaryWithDistinctKeys(std::move(entries), true);
+}
+
+// What `root.valueForKeyPath(keyPath)` finds, with every immutable dictionary on the way (the result included)
+// replaced in its parent by a mutable copy, so that what the merge then adopts from there is writable and a
+// reference made to it points at the very node the cache will hold. References on the way are followed, a
+// bounded number of times.
+Object writableValueForKeyPath(const Object& root, std::string_view keyPath) {
+  Object node = root;
+  std::size_t hops = 0;
+  std::size_t start = 0;
+  for (;;) {
+    while (const BrivetPathReference* reference = BrivetPathReference::cast(node)) {
+      if (++hops > BrivetPathReference::kMaxReferenceHops) return Object();
+      node = reference->hardReference();
+    }
+    const Dictionary* d = node.asDictionary();
+    if (d == nullptr) return Object();
+    const std::size_t dot = keyPath.find('.', start);
+    const std::string_view component = keyPath.substr(start, dot == std::string_view::npos ? dot : dot - start);
+    Object child = d->objectForKey(component);
+    if (Dictionary* parent = node.asMutableDictionary(); parent != nullptr && child.isDictionary() &&
+                                                          !child.isMutableDictionary()) {
+      child = child.mutableCopy();
+      parent->setObject(child, component);
+    }
+    if (dot == std::string_view::npos || child.isNil()) return child;
+    node = std::move(child);
+    start = dot + 1;
+  }
+}
+
 std::string indexText(std::int64_t i) {
   char buffer[24];
   const auto end = std::to_chars(buffer, buffer + sizeof buffer, i).ptr;
@@ -175,14 +224,16 @@ Object BrivetModel::safeValueForKeyPath(std::string_view keyPath) {
 
 // --- Writing ---
 
+// A dictionary value is stored as a copy of mutable dictionaries: the cache can write under it, and the caller's
+// own object is neither adopted nor written into.
 void BrivetModel::setValueForKeyPath(const Object& value, std::string_view keyPath) {
-  queue_->asyncBarrier([weak = weak_from_this(), value, keyPath = std::string(keyPath)] {
+  queue_->asyncBarrier([weak = weak_from_this(), value = deepWritableCopy(value), keyPath = std::string(keyPath)] {
     if (auto self = weak.lock()) self->jsongModel_.setValueForKeyPath(value, keyPath);
   });
 }
 
 void BrivetModel::setValueForKey(const Object& value, std::string_view key) {
-  queue_->asyncBarrier([weak = weak_from_this(), value, key = std::string(key)] {
+  queue_->asyncBarrier([weak = weak_from_this(), value = deepWritableCopy(value), key = std::string(key)] {
     if (auto self = weak.lock()) self->jsongModel_.setValueForKey(value, key);
   });
 }
@@ -318,7 +369,10 @@ void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jso
     logInfo("BrivetModel:buildJSONGraph ERROR: Invalid 'jsonGraphModel' argument.");
     return;
   }
-  mergeNode(jsonGraphModel, jsonGraphNode, json, jsonNode, 0);
+  // The merge makes the JSON it reads writable as it goes (and stores references into it): it needs a writable
+  // root to start from.
+  const Object root = writable(json);
+  mergeNode(jsonGraphModel, jsonGraphNode, root, jsonNode.isNil() || jsonNode.isIdentical(json) ? root : jsonNode, 0);
 }
 
 void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, const Object& jsonRoot,
@@ -330,10 +384,17 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
   if (const BrivetPathReference* r = BrivetPathReference::cast(jsonNode)) jsonNode = r->hardReference();
   const Dictionary* source = jsonNode.asDictionary();
   if (source == nullptr) return;
+  Dictionary* writableSource = jsonNode.asMutableDictionary();
   const bool sameNode = graphNode.isIdentical(jsonNode);
   // A snapshot of the keys: merging may replace values of this node (and, through references, of others).
   for (const Object& key : source->allKeys()) {
-    const Object value = source->objectForKey(key);
+    Object value = source->objectForKey(key);
+    if (value.isDictionary() && !value.isMutableDictionary()) {
+      // Whatever the cache adopts from here must be writable; the copy takes the original's place in the JSON
+      // too, so that references resolved in the JSON later find the node the cache holds.
+      value = value.mutableCopy();
+      if (writableSource != nullptr) writableSource->setObject(value, key);
+    }
     if (const Array* array = value.asArray()) {
       if (!array->empty() && (*array)[0].isString()) {
         mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth);
@@ -351,8 +412,9 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
         if (existing.isNil()) {
           setChild(graphNode, key, value);
           mergeNode(graphRoot, value, jsonRoot, value, depth + 1);
-        } else if (!existing.isDictionary()) {
-          const Object fresh = Object::mutableDictionary();
+        } else if (!existing.isMutableDictionary()) {
+          // Not a dictionary (or, had one slipped in, an immutable one): a writable node takes its place.
+          const Object fresh = existing.isDictionary() ? existing.mutableCopy() : Object::mutableDictionary();
           setChild(graphNode, key, fresh);
           mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1);
         } else {
@@ -370,7 +432,7 @@ void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNod
                                  const Object& jsonNode, const Object& key, const Object& path, std::size_t depth) {
   const std::string keyPath = internal::joinDescriptions(path, BRIVET_KEY_PATH_SEPARATOR);
   const Object graphTarget = graphRoot.valueForKeyPath(keyPath);
-  const Object jsonTarget = jsonRoot.valueForKeyPath(keyPath);
+  const Object jsonTarget = writableValueForKeyPath(jsonRoot, keyPath);
   if (jsonTarget.isNil()) {
     // The response does not hold the target: point the response at what the cache has (the cache keeps its
     // own value under the key).
