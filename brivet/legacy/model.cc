@@ -372,11 +372,12 @@ void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jso
   // The merge makes the JSON it reads writable as it goes (and stores references into it): it needs a writable
   // root to start from.
   const Object root = writable(json);
-  mergeNode(jsonGraphModel, jsonGraphNode, root, jsonNode.isNil() || jsonNode.isIdentical(json) ? root : jsonNode, 0);
+  mergeNode(jsonGraphModel, jsonGraphNode, root, jsonNode.isNil() || jsonNode.isIdentical(json) ? root : jsonNode, 0,
+            nullptr);
 }
 
 void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, const Object& jsonRoot,
-                            const Object& jsonNodeIn, std::size_t depth) {
+                            const Object& jsonNodeIn, std::size_t depth, std::size_t* leftOut) {
   if (depth > internal::kMaxMergeDepth) return;
   Object graphNode = graphNodeIn.isNil() ? graphRoot : graphNodeIn;
   Object jsonNode = jsonNodeIn.isNil() ? jsonRoot : jsonNodeIn;
@@ -397,7 +398,7 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
     }
     if (const Array* array = value.asArray()) {
       if (!array->empty() && (*array)[0].isString()) {
-        mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth);
+        mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth, leftOut);
       } else if (!sameNode) {
         setChild(graphNode, key,
                  keyEquals(key, BRIVET_NODE_PROFILES_KEY) ? arrayByReplacingNullsWithBlanks(value) : value);
@@ -406,46 +407,53 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
       if (isLeafNode(value) && !sameNode) {
         setChild(graphNode, key, convertLeafToAbsoluteExpiration(value));
       } else if (sameNode) {
-        mergeNode(graphRoot, value, jsonRoot, value, depth + 1);
+        mergeNode(graphRoot, value, jsonRoot, value, depth + 1, leftOut);
       } else {
         const Object existing = childOf(graphNode, key);
         if (existing.isNil()) {
           setChild(graphNode, key, value);
-          mergeNode(graphRoot, value, jsonRoot, value, depth + 1);
+          mergeNode(graphRoot, value, jsonRoot, value, depth + 1, leftOut);
         } else if (!existing.isMutableDictionary()) {
           // Not a dictionary (or, had one slipped in, an immutable one): a writable node takes its place.
           const Object fresh = existing.isDictionary() ? existing.mutableCopy() : Object::mutableDictionary();
           setChild(graphNode, key, fresh);
-          mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1);
+          mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1, leftOut);
         } else {
-          mergeNode(graphRoot, existing, jsonRoot, value, depth + 1);
+          mergeNode(graphRoot, existing, jsonRoot, value, depth + 1, leftOut);
         }
       }
     } else if (value.isString() || value.isNumber()) {
       setChild(graphNode, key, keyEquals(key, BRIVET_NODE_EXPIRES_KEY) ? convertToAbsoluteExpiration(value) : value);
+    } else if (leftOut != nullptr && !sameNode && !value.isCustom()) {
+      ++*leftOut;  // (a node adopted as a whole keeps such values as they are)
     }
     // Anything else (null, a reference already built, dates, data) is not part of a response graph: ignored.
   }
 }
 
 void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot,
-                                 const Object& jsonNode, const Object& key, const Object& path, std::size_t depth) {
+                                 const Object& jsonNode, const Object& key, const Object& path, std::size_t depth,
+                                 std::size_t* leftOut) {
   const std::string keyPath = internal::joinDescriptions(path, BRIVET_KEY_PATH_SEPARATOR);
   const Object graphTarget = graphRoot.valueForKeyPath(keyPath);
   const Object jsonTarget = writableValueForKeyPath(jsonRoot, keyPath);
   if (jsonTarget.isNil()) {
     // The response does not hold the target: point the response at what the cache has (the cache keeps its
     // own value under the key).
-    if (!graphTarget.isNil()) setChild(jsonNode, key, graphTarget);
+    if (!graphTarget.isNil()) {
+      setChild(jsonNode, key, graphTarget);
+    } else if (leftOut != nullptr && !graphNode.isIdentical(jsonNode)) {
+      ++*leftOut;  // a reference to nothing is not stored (a node adopted as a whole keeps it as a list)
+    }
     return;
   }
   const Object reference = BrivetPathReference::make(path.copy(), jsonTarget, graphRoot);
   setChild(graphNode, key, reference);
   setChild(jsonNode, key, reference);
   if (graphTarget.isNil()) {
-    mergeNode(graphRoot, jsonTarget, jsonRoot, jsonTarget, depth + 1);
+    mergeNode(graphRoot, jsonTarget, jsonRoot, jsonTarget, depth + 1, leftOut);
   } else if (!graphTarget.isArray()) {
-    mergeNode(graphRoot, graphTarget, jsonRoot, jsonTarget, depth + 1);
+    mergeNode(graphRoot, graphTarget, jsonRoot, jsonTarget, depth + 1, leftOut);
   }
 }
 
@@ -519,7 +527,8 @@ std::optional<std::string> BrivetModel::serializeCacheWithKeyPaths(
   return std::move(text).value();
 }
 
-bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error) {
+bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error,
+                                   BrivetRestoreReport* report) {
   if (!data) return false;
   Result<Object> parsed = parseJSON(*data, JSONReadingOptions::MutableContainers);
   if (!parsed.ok()) {
@@ -527,8 +536,38 @@ bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::op
     return false;
   }
   if (!parsed->isMutableDictionary()) return false;
-  mergeJSONDictionaryIntoModel(internal::removeCacheEnvelope(*parsed));
+  const Object graph = internal::removeCacheEnvelope(*parsed);
+  if (report == nullptr) {
+    mergeJSONDictionaryIntoModel(graph);
+    return true;
+  }
+  *report = BrivetRestoreReport();
+  queue_->syncBarrier([&] {
+    mergeNode(jsongModel_, Object(), graph, Object(), 0, &report->leftOut);
+    // The snapshot's nodes are the cache's now: its leaves are the ones restored.
+    if (isCacheExpirationEnabled()) report->expiredLeaves = countExpiredLeaves(graph, 0);
+  });
   return true;
+}
+
+std::size_t BrivetModel::countExpiredLeaves(const Object& node, std::size_t depth) {
+  const Dictionary* d = node.asDictionary();
+  if (d == nullptr || depth > internal::kMaxMergeDepth) return 0;
+  if (isLeafNode(node)) return isLeafNodeExpired(node) ? 1 : 0;
+  std::size_t count = 0;
+  for (const auto& entry : *d) count += countExpiredLeaves(entry.second, depth + 1);
+  return count;
+}
+
+std::string BrivetRestoreReport::description() const {
+  if (leftOut == 0 && expiredLeaves == 0) return "nothing left out";
+  std::string out;
+  if (leftOut > 0) out = std::to_string(leftOut) + (leftOut == 1 ? " entry" : " entries") + " left out";
+  if (expiredLeaves > 0) {
+    out += (out.empty() ? "" : "; ") + std::to_string(expiredLeaves) +
+           (expiredLeaves == 1 ? " leaf already expired" : " leaves already expired");
+  }
+  return out;
 }
 
 }  // namespace brivet
