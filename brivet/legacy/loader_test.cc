@@ -404,6 +404,14 @@ TEST_F(LegacyFrozenBranchTest, ReferencesIntoAFrozenAnswerPointAtWhatTheCacheHol
   EXPECT_TRUE(everyBranchWritable());
 }
 
+TEST_F(LegacyFrozenBranchTest, AFrozenLeafMergedIntoACachedBranchIsWritableInside) {
+  model->mergeJSONDictionaryIntoModel(json(R"({"shows": {"s1": {"title": "One"}}})"));
+  model->mergeJSONDictionaryIntoModel(frozen(R"({"shows": {"s1": {"box": {"$type": "leaf", "size": {"w": 1}}}}})"));
+  model->setValueForKeyPath(Object(2), "shows.s1.box.size.h");
+  EXPECT_EQ(model->valueForKeyPath("shows.s1.box.size.h").asNumber()->int64Value(), 2);
+  EXPECT_TRUE(everyBranchWritable());
+}
+
 TEST_F(LegacyFrozenBranchTest, AFrozenLeafStillGetsItsAbsoluteExpiry) {
   dataSource->expiration = true;
   model->mergeJSONDictionaryIntoModel(frozen(R"({"shows": {"s1": {"box": {"$type": "leaf", "$expires": -60000}}}})"));

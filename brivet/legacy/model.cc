@@ -77,6 +77,24 @@ Object deepWritableCopy(const Object& value, std::size_t depth = 0) {
   return Object::dictionaryWithDistinctKeys(std::move(entries), true);
 }
 
+// Replaces, inside the mutable `dictionary`, every immutable dictionary below it by a mutable copy (for a node the
+// cache adopts without merging it key by key: a leaf).
+void makeNestedWritable(const Object& dictionary, std::size_t depth = 0) {
+  Dictionary* d = dictionary.asMutableDictionary();
+  if (d == nullptr || depth > internal::kMaxMergeDepth) return;
+  // Most leaves hold values only: nothing to do, nothing to allocate.
+  if (std::none_of(d->begin(), d->end(), [](const Dictionary::Entry& e) { return e.second.isDictionary(); })) return;
+  for (const Object& key : d->allKeys()) {
+    Object child = d->objectForKey(key);
+    if (!child.isDictionary()) continue;
+    if (!child.isMutableDictionary()) {
+      child = child.mutableCopy();
+      d->setObject(child, key);
+    }
+    makeNestedWritable(child, depth + 1);
+  }
+}
+
 // What `root.valueForKeyPath(keyPath)` finds, with every immutable dictionary on the way (the result included)
 // replaced in its parent by a mutable copy, so that what the merge then adopts from there is writable and a
 // reference made to it points at the very node the cache will hold. References on the way are followed, a
@@ -405,6 +423,7 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
       }
     } else if (value.isDictionary()) {
       if (isLeafNode(value) && !sameNode) {
+        makeNestedWritable(value);
         setChild(graphNode, key, convertLeafToAbsoluteExpiration(value));
       } else if (sameNode) {
         mergeNode(graphRoot, value, jsonRoot, value, depth + 1, leftOut);
