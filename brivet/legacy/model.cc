@@ -61,10 +61,14 @@ Object childOf(const Object& node, const Object& key) {
 // holds must be mutable: an immutable one would silently drop every later write under it. Dictionaries that come
 // in immutable are replaced by mutable copies where they enter; the helpers below do that.
 
-// `value` itself when it is not an immutable dictionary, else a mutable (shallow) copy.
-Object writable(const Object& value) {
-  return value.isDictionary() && !value.isMutableDictionary() ? value.mutableCopy() : value;
+// Whether `value` is a dictionary the cache cannot write into (inline: the merge asks for every value).
+bool isFrozenDictionary(const Object& value) {
+  const Dictionary* d = value.asDictionary();
+  return d != nullptr && !d->isMutable();
 }
+
+// `value` itself when it is not an immutable dictionary, else a mutable (shallow) copy.
+Object writable(const Object& value) { return isFrozenDictionary(value) ? value.mutableCopy() : value; }
 
 // A copy of `value` in which every dictionary is a new mutable one (values of other kinds are shared). Nesting
 // past the merge's bound is kept as it is.
@@ -80,16 +84,17 @@ Object deepWritableCopy(const Object& value, std::size_t depth = 0) {
 // Replaces, inside the mutable `dictionary`, every immutable dictionary below it by a mutable copy (for a node the
 // cache adopts without merging it key by key: a leaf).
 void makeNestedWritable(const Object& dictionary, std::size_t depth = 0) {
-  Dictionary* d = dictionary.asMutableDictionary();
-  if (d == nullptr || depth > internal::kMaxMergeDepth) return;
+  const Dictionary* d = dictionary.asDictionary();
+  if (d == nullptr || !d->isMutable() || depth > internal::kMaxMergeDepth) return;
   // Most leaves hold values only: nothing to do, nothing to allocate.
   if (std::none_of(d->begin(), d->end(), [](const Dictionary::Entry& e) { return e.second.isDictionary(); })) return;
+  Dictionary* writableD = dictionary.asMutableDictionary();
   for (const Object& key : d->allKeys()) {
     Object child = d->objectForKey(key);
     if (!child.isDictionary()) continue;
-    if (!child.isMutableDictionary()) {
+    if (isFrozenDictionary(child)) {
       child = child.mutableCopy();
-      d->setObject(child, key);
+      writableD->setObject(child, key);
     }
     makeNestedWritable(child, depth + 1);
   }
@@ -113,10 +118,9 @@ Object writableValueForKeyPath(const Object& root, std::string_view keyPath) {
     const std::size_t dot = keyPath.find('.', start);
     const std::string_view component = keyPath.substr(start, dot == std::string_view::npos ? dot : dot - start);
     Object child = d->objectForKey(component);
-    if (Dictionary* parent = node.asMutableDictionary(); parent != nullptr && child.isDictionary() &&
-                                                          !child.isMutableDictionary()) {
+    if (d->isMutable() && isFrozenDictionary(child)) {
       child = child.mutableCopy();
-      parent->setObject(child, component);
+      node.asMutableDictionary()->setObject(child, component);
     }
     if (dot == std::string_view::npos || child.isNil()) return child;
     node = std::move(child);
@@ -403,16 +407,15 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
   if (const BrivetPathReference* r = BrivetPathReference::cast(jsonNode)) jsonNode = r->hardReference();
   const Dictionary* source = jsonNode.asDictionary();
   if (source == nullptr) return;
-  Dictionary* writableSource = jsonNode.asMutableDictionary();
   const bool sameNode = graphNode.isIdentical(jsonNode);
   // A snapshot of the keys: merging may replace values of this node (and, through references, of others).
   for (const Object& key : source->allKeys()) {
     Object value = source->objectForKey(key);
-    if (value.isDictionary() && !value.isMutableDictionary()) {
+    if (isFrozenDictionary(value)) {
       // Whatever the cache adopts from here must be writable; the copy takes the original's place in the JSON
       // too, so that references resolved in the JSON later find the node the cache holds.
       value = value.mutableCopy();
-      if (writableSource != nullptr) writableSource->setObject(value, key);
+      if (source->isMutable()) jsonNode.asMutableDictionary()->setObject(value, key);
     }
     if (const Array* array = value.asArray()) {
       if (!array->empty() && (*array)[0].isString()) {
@@ -432,7 +435,7 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
         if (existing.isNil()) {
           setChild(graphNode, key, value);
           mergeNode(graphRoot, value, jsonRoot, value, depth + 1, leftOut);
-        } else if (!existing.isMutableDictionary()) {
+        } else if (!existing.isDictionary() || isFrozenDictionary(existing)) {
           // Not a dictionary (or, had one slipped in, an immutable one): a writable node takes its place.
           const Object fresh = existing.isDictionary() ? existing.mutableCopy() : Object::mutableDictionary();
           setChild(graphNode, key, fresh);
