@@ -4,12 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
+#include <cstdio>
 #include <type_traits>
 
 #include "brivet/facade/kel_model_mediator.h"
+#include "brivet/facade/kel_snapshot_file.h"
 #include "brivet/facade/testing/app_doubles.h"
 #include "brivet/legacy/model.h"
+#include "brivet/platform/file.h"
 #include "brivet/platform/identifier.h"
 
 namespace brivet {
@@ -294,6 +299,19 @@ TEST_F(KelFacadeTest, SnapshotsRoundTripThroughTheFacade) {
   EXPECT_EQ(notAnObject.error().domain(), KelBrivet::errorDomain());
   model->setValueForKey(Object(std::nan("")), "nan");
   EXPECT_FALSE(model->serializeCacheWithKeyPaths(std::nullopt).ok());
+}
+
+TEST_F(KelFacadeTest, SnapshotFilesRoundTripThroughTheFacade) {
+  get({"lists.top.@range(0,2).title"});
+  const std::string path = ::testing::TempDir() + "brivet-facade-cache-" + std::to_string(::getpid()) + ".json";
+  ASSERT_TRUE(saveCacheToFile(*model, path).ok());
+  const auto restored = KelBrivet::createModel(std::nullopt, std::nullopt);
+  ASSERT_TRUE(restoreCacheFromFile(*restored, path).ok());
+  EXPECT_EQ(restored->valueForKeyPath("lists.top.2.title").stringValue(), "Two");
+  std::remove(path.c_str());
+  const Result<void> missing = restoreCacheFromFile(*restored, path);
+  ASSERT_FALSE(missing.ok());
+  EXPECT_EQ(missing.error().domain(), kFileErrorDomain);
 }
 
 TEST_F(KelFacadeTest, DelegatesAreNeverKeptAliveByTheModel) {

@@ -3,11 +3,11 @@
 // facade's legacy model. Every step prints what it asked, what came back and
 // what it cost; any unexpected answer stops the demo with exit code 1.
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 
 #include "brivet/adapters/kel_http_data_source.h"
+#include "brivet/core/model/snapshot_file.h"
 #include "brivet/facade/kel_model.h"
 #include "brivet/platform/dispatch_queue.h"
 #include "brivet/platform/json.h"
@@ -146,18 +146,18 @@ void coreWalk(Walkthrough& w, Session& session, const std::string& snapshotPath)
   w.expect(w.lastRequests() == 1, "the get after invalidation should send one request");
 
   w.step("Snapshot: save the cache to a file and restore it into a new model that has no network");
-  Result<std::string> text = session.model()->serializeCacheWithKeyPaths(std::nullopt);
-  w.expect(text.ok(), "the cache could not be written");
-  if (!text.ok()) return;
-  {
-    std::ofstream file(snapshotPath, std::ios::binary | std::ios::trunc);
-    file << text.value();
-  }
-  w.say("saved version " + std::to_string(session.model()->version()) + " (" + std::to_string(text.value().size()) +
+  // saveCacheToFile writes a temporary file and renames it over the old one,
+  // so an app killed during the save still finds its previous snapshot.
+  const Result<void> saved = saveCacheToFile(*session.model(), snapshotPath);
+  w.expect(saved.ok(), saved.ok() ? "" : "the cache could not be saved: " + saved.error().localizedDescription());
+  if (!saved.ok()) return;
+  std::error_code sizeError;
+  const auto bytes = std::filesystem::file_size(snapshotPath, sizeError);
+  w.say("saved version " + std::to_string(session.model()->version()) + " (" + std::to_string(bytes) +
         " bytes) to " + snapshotPath);
   auto offline = TovBrivet::createTovModelWithUrl(std::nullopt, nullptr);
   const auto start = Clock::now();
-  const Result<SnapshotReport> restored = offline->deserializeCache(text.value());
+  const Result<SnapshotReport> restored = restoreCacheFromFile(*offline, snapshotPath);
   w.expect(restored.ok() && restored->restored(), "the snapshot could not be restored");
   w.say("restored in " + formatDuration(since(start)) + "; the new model reads, with no network:");
   const StreamOutcome read = await(offline->getWithKeyPaths(home)->asStream(), std::chrono::seconds(5));

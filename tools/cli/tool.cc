@@ -4,16 +4,14 @@
 #include <stdlib.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <set>
 #include <sstream>
-#include <system_error>
 
 #include "brivet/adapters/http_json.h"
 #include "brivet/core/values/path_tree.h"
 #include "brivet/platform/dispatch_queue.h"
+#include "brivet/platform/file.h"
 #include "brivet/platform/json.h"
 #include "brivet/platform/signpost.h"
 #include "tools/server/sample_catalogue.h"
@@ -115,33 +113,17 @@ Result<ToolOptions, ToolFailure> parseOptions(const std::vector<std::string>& ar
   return options;
 }
 
-// Snapshot files are read whole; anything larger than this is refused.
-constexpr std::uintmax_t kMaxFileBytes = 1ULL << 30;
-
+// Snapshot files are read whole (at most kDefaultMaxFileBytes) and written
+// atomically: a tool killed during `snapshot` leaves the old file whole.
 Result<std::string, ToolFailure> readFile(const std::string& path) {
-  std::error_code error;
-  const auto status = std::filesystem::status(path, error);
-  if (error) return ToolFailure{kExitFile, "cannot read " + oneLine(path) + ": " + error.message()};
-  if (std::filesystem::is_directory(status)) return ToolFailure{kExitFile, "cannot read " + oneLine(path) + ": it is a directory"};
-  if (!std::filesystem::is_regular_file(status)) return ToolFailure{kExitFile, "cannot read " + oneLine(path) + ": it is not a file"};
-  const std::uintmax_t size = std::filesystem::file_size(path, error);
-  if (!error && size > kMaxFileBytes) {
-    return ToolFailure{kExitFile, "cannot read " + oneLine(path) + ": it is larger than " +
-                                      std::to_string(kMaxFileBytes) + " bytes"};
-  }
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return ToolFailure{kExitFile, "cannot read " + oneLine(path)};
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) return ToolFailure{kExitFile, "cannot read " + oneLine(path)};
-  return text.str();
+  Result<std::string> text = brivet::readFile(path);
+  if (!text.ok()) return ToolFailure{kExitFile, oneLine(text.error().localizedDescription())};
+  return std::move(text).value();
 }
 
 std::optional<ToolFailure> writeFile(const std::string& path, std::string_view text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(text.data(), static_cast<std::streamsize>(text.size()));
-  out.close();
-  if (!out) return ToolFailure{kExitFile, "cannot write " + oneLine(path)};
+  const Result<void> written = writeFileAtomically(path, text);
+  if (!written.ok()) return ToolFailure{kExitFile, oneLine(written.error().localizedDescription())};
   return std::nullopt;
 }
 
