@@ -6,11 +6,11 @@
 // it changes and shares everything else, and answers the old node itself
 // wherever the result equals it, so "did anything change" is one comparison of
 // slots. References are followed at most `kMaxReferencesFollowed` times along
-// one chain. Every function may run on any thread over a graph shared with
-// readers.
+// one chain; ranges cost what the branch under them holds; the reads and
+// extractions stop at their step budget (see cache.h). Every function may run
+// on any thread over a graph shared with readers.
 #pragma once
 
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -26,24 +26,26 @@
 
 namespace brivet::internal {
 
-// Calls `f(text)` for every key of the set in its string form, ranges expanded
-// in ascending order. A range whose end lies before its start yields no key.
-template <class F>
-void forEachKey(const KeySet& keys, F&& f) {
-  char buffer[24];
-  for (const Key& k : keys) {
-    if (k.kind() != Key::Kind::Range) {
-      f(std::string_view(k.stringValue()));
-      continue;
-    }
-    if (k.to() < k.from()) continue;
-    for (std::int64_t v = k.from();; ++v) {
-      const auto r = std::to_chars(buffer, buffer + sizeof buffer, v);
-      f(std::string_view(buffer, static_cast<std::size_t>(r.ptr - buffer)));
-      if (v == k.to()) break;
-    }
+// The steps one walk may still take (see `walkBudget` in cache.h). Once spent,
+// every further `spend` fails.
+class WalkBudget {
+ public:
+  explicit WalkBudget(std::size_t limit) : limit_(limit) {}
+  // Spends `n` steps; false when that goes past the limit (and from then on).
+  bool spend(std::size_t n) {
+    if (used_ > limit_) return false;
+    used_ = n > limit_ - used_ ? limit_ + 1 : used_ + n;
+    return used_ <= limit_;
   }
-}
+  bool exhausted() const { return used_ > limit_; }
+  std::size_t limit() const { return limit_; }
+
+ private:
+  std::size_t limit_;
+  std::size_t used_ = 0;  // at most limit_ + 1
+};
+// {"message": "walk exceeded its budget of N steps"}
+JSONValue budgetErrorValue(std::size_t limit);
 
 using KeyTextSet = std::unordered_set<std::string>;
 
@@ -67,8 +69,11 @@ struct Extraction {
 // The sub-graph that `paths` reach, references followed through a work list.
 // A path ending on a branch copies it with `includeBranches`, otherwise fails
 // with `invalidAttempt` unless something was gathered for that path already.
+// Past the step budget it ends with what it gathered, like a cycle, and fails
+// with a path-bound error when that is nothing.
 [[nodiscard]] Result<Extraction, BrivetError> extract(Slot root, const std::vector<Path>& paths, bool includeBranches);
-// Only the reference paths that `extract(root, paths, true)` would meet.
+// Only the reference paths that `extract(root, paths, true)` would meet
+// (those met before the budget ran out).
 std::vector<Path> referencePaths(Slot root, const std::vector<Path>& paths);
 
 // The merge of `incoming` into `old` (owned; `old` itself when the result equals it).
