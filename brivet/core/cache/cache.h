@@ -7,8 +7,8 @@
 //    caller's thread without taking any queue: they read the current graph
 //    snapshot, so a read never sees half a write and never waits for one. A
 //    caller that must see every write requested before it (the get pipeline's
-//    re-read after a merge) runs the read inside `cacheQueue()->sync(...)`,
-//    which waits for earlier barrier blocks.
+//    re-read after a merge) first waits for earlier barrier blocks with an
+//    empty `cacheQueue()->sync(...)`, then reads.
 //  * Writes (`merge`, `invalidate`, `setCache`) return at once after putting
 //    one barrier block on the process-wide `cacheQueue()`; writes therefore
 //    apply one at a time in submission order. Each block holds the cache
@@ -72,9 +72,13 @@ inline constexpr std::size_t kWalkStepsPerRequestKey = 4;
 // kWalkStepsPerRequestKey per key the tree names (a range counts as one key).
 std::size_t walkBudget(const PathTree& tree);
 std::size_t walkBudget(const std::vector<Path>& paths);
+// Whether a read failed because its walk went past its budget.
+bool exceedsWalkBudget(const BrivetError& error);
 
 // The process-wide concurrent queue of every cache's writes, labelled with the
 // library's identifier, ".cache.queue." and a fresh UUID; made on first use.
+// Shared by every core model in the process: nothing but the writes
+// themselves (and empty blocks that wait for them) runs on it.
 const std::shared_ptr<DispatchQueue>& cacheQueue();
 
 // What a value read found: the values (an object keyed like the request), the

@@ -854,9 +854,11 @@ bool treeTouches(const PathTree& tree, const KeyTextSet& texts) {
   }
 }
 
+constexpr std::string_view kBudgetMessagePrefix = "walk exceeded its budget of ";
+
 JSONValue budgetErrorValue(std::size_t limit) {
-  return JSONValue::object(
-      {{"message", JSONPrimitive::string("walk exceeded its budget of " + std::to_string(limit) + " steps")}});
+  return JSONValue::object({{"message", JSONPrimitive::string(std::string(kBudgetMessagePrefix) +
+                                                              std::to_string(limit) + " steps")}});
 }
 
 Result<CacheValues, BrivetError> readValues(Slot root, const PathTree& tree, bool checkExpiry) {
@@ -937,5 +939,18 @@ std::size_t walkBudget(const std::vector<Path>& paths) {
 }
 
 std::size_t walkBudget(const PathTree& tree) { return walkBudget(tree.paths()); }
+
+bool exceedsWalkBudget(const BrivetError& error) {
+  const BrivetError::JSONGraphFailureReason* reason = error.jsonGraphReason();
+  if (reason == nullptr || reason->kind() != BrivetError::JSONGraphFailureReason::Kind::PathBoundErrors) return false;
+  for (const PathBoundError& e : reason->errors()) {
+    const std::optional<JSONValue> message = e.value.find("message");
+    if (message && message->isPrimitive() &&
+        message->primitive().stringValue().rfind(internal::kBudgetMessagePrefix, 0) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
 
 }  // namespace brivet
