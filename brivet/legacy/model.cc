@@ -3,6 +3,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
+#include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "brivet/legacy/constants.h"
 #include "brivet/legacy/internal/graph.h"
@@ -199,7 +203,7 @@ void BrivetModel::mergeJSONDictionaryIntoModel(const Object& dictionary) {
 
 // --- Misses ---
 
-void BrivetModel::collectCacheMissesInto(std::vector<std::string>* cacheMisses, const BrivetPath* path,
+bool BrivetModel::collectCacheMissesInto(std::vector<std::string>* cacheMisses, const BrivetPath* path,
                                          std::optional<std::string_view> resolvedKeyPath) {
   std::vector<std::string> discarded;
   if (cacheMisses == nullptr) {
@@ -208,52 +212,81 @@ void BrivetModel::collectCacheMissesInto(std::vector<std::string>* cacheMisses, 
   }
   if (path == nullptr) {
     logInfo("BrivetModel:collectCacheMissesInto WARNING: 'path' argument not specified.");
-    return;
+    return true;
   }
-  collectMisses(*cacheMisses, path,
-                resolvedKeyPath ? std::optional<std::string>(std::string(*resolvedKeyPath)) : std::nullopt);
+  const BrivetPathProtocol* paths[] = {path};
+  internal::StepBudget budget(internal::walkBudget(paths));
+  return collectMisses(*cacheMisses, path,
+                       resolvedKeyPath ? std::optional<std::string>(std::string(*resolvedKeyPath)) : std::nullopt,
+                       budget);
 }
 
-void BrivetModel::collectMisses(std::vector<std::string>& misses, const BrivetPath* path,
-                                std::optional<std::string> prefix) {
+namespace {
+std::size_t fragmentCount(std::string_view keyPath) {
+  return static_cast<std::size_t>(std::count(keyPath.begin(), keyPath.end(), '.')) + 1;
+}
+}  // namespace
+
+bool BrivetModel::collectMisses(std::vector<std::string>& misses, const BrivetPath* path,
+                                std::optional<std::string> prefix, internal::StepBudget& budget) {
+  // Looking up "prefix.first" from the root is looking up "first" on the node at "prefix": the node is looked up
+  // once, then each plain fragment steps down from it, so a long path costs its length, not its length squared.
   // Plain fragments walk down in a loop; only a range fragment recurses (once per present index).
+  Object node = jsongModel_;
+  std::size_t depth = 0;  // fragments in `prefix`, for the budget of a missing key path
+  if (prefix) {
+    depth = fragmentCount(*prefix);
+    if (!budget.spend(depth)) return false;
+    node = jsongModel_.valueForKeyPath(*prefix);
+  }
   while (path != nullptr && path->pathCount() > 0) {
+    if (!budget.spend(1)) return false;
     const std::string& first = path->pathFragments().front();
     const BrivetPath* next = path->nextPathFragment().get();
-    if (internal::containsRangeMarker(first)) {
-      collectRangeMisses(misses, first, next, prefix);
-      return;
-    }
-    std::string candidate = prefix ? *prefix + "." + first : first;
-    const Object value = jsongModel_.valueForKeyPath(candidate);
+    if (internal::containsRangeMarker(first)) return collectRangeMisses(misses, first, next, prefix, node, budget);
+    const Object value = node.valueForKeyPath(first);
+    std::string candidate = prefix ? std::move(*prefix) + "." + first : first;
+    ++depth;
     const BrivetPathReference* reference = BrivetPathReference::cast(value);
     if (value.isNil() || (reference == nullptr && isLeafNodeExpired(value))) {
+      if (!budget.spend(depth + (next != nullptr ? next->pathCount() : 0))) return false;
       if (next != nullptr) candidate += "." + std::string(next->keyPath());
       misses.push_back(std::move(candidate));
-      return;
+      return true;
     }
-    prefix = reference != nullptr ? reference->keyPath() : std::move(candidate);
+    if (reference != nullptr) {
+      prefix = reference->keyPath();
+      depth = fragmentCount(*prefix);
+      if (!budget.spend(depth)) return false;
+      node = jsongModel_.valueForKeyPath(*prefix);
+    } else {
+      prefix = std::move(candidate);
+      node = value;
+    }
     path = next;
   }
+  return true;
 }
 
-void BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment,
-                                     const BrivetPath* next, const std::optional<std::string>& prefix) {
+bool BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment,
+                                     const BrivetPath* next, const std::optional<std::string>& prefix,
+                                     const Object& base, internal::StepBudget& budget) {
   const auto match = internal::matchRangeFragment(fragment, /*anchored=*/false);
   if (!match) {
     logInfo("Error parsing @range(x,y) path fragment.");
-    return;
+    return true;
   }
   const std::int64_t from = internal::parseInt32Saturating(match->from);
   const std::int64_t to = internal::parseInt32Saturating(match->to);
-  if (from > to) return;
+  if (from > to) return true;
   // Without a resolved prefix the indices are keys of the root itself.
   const std::string head = prefix ? *prefix + "." : std::string();
   const std::string rest = next != nullptr ? "." + std::string(next->keyPath()) : std::string();
-  // Looking up "prefix.i" from the root is looking up "i" on the node at "prefix".
-  const Object base = prefix ? jsongModel_.valueForKeyPath(*prefix) : jsongModel_;
+  // A missing key path is written out: its fragments are steps.
+  const std::size_t missCost = (prefix ? fragmentCount(*prefix) : 0) + 1 + (next != nullptr ? next->pathCount() : 0);
 
   auto missingRun = [&](std::int64_t first, std::int64_t last) {
+    if (!budget.spend(missCost)) return false;
     if (first == last) {
       misses.push_back(head + indexText(first) + rest);
     } else {
@@ -261,11 +294,12 @@ void BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::stri
                                               next != nullptr ? next->keyPath() : std::string_view());
       misses.push_back(prefix ? *prefix + ranged : ranged.substr(1));
     }
+    return true;
   };
   auto present = [&](std::int64_t i, const Object& value) {
-    if (next == nullptr) return;
+    if (next == nullptr) return true;
     const BrivetPathReference* reference = BrivetPathReference::cast(value);
-    collectMisses(misses, next, reference != nullptr ? reference->keyPath() : head + indexText(i));
+    return collectMisses(misses, next, reference != nullptr ? reference->keyPath() : head + indexText(i), budget);
   };
 
   // A range wider than the node is answered from the node's own keys, so its cost is what the cache holds.
@@ -277,22 +311,24 @@ void BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::stri
   if (!sparse) {
     std::optional<std::int64_t> runStart;
     for (std::int64_t i = from; i <= to; ++i) {
+      if (!budget.spend(1)) return false;
       const Object value = base.valueForKey(indexText(i));
       if (value.isNil()) {
         if (!runStart) {
           runStart = i;
-          misses.push_back(head + indexText(i) + rest);
+          if (!missingRun(i, i)) return false;
         } else {
           misses.pop_back();
-          missingRun(*runStart, i);
+          if (!missingRun(*runStart, i)) return false;
         }
         continue;
       }
       runStart.reset();
-      present(i, value);
+      if (!present(i, value)) return false;
     }
-    return;
+    return true;
   }
+  if (keys != nullptr && !budget.spend(keys->size())) return false;
   std::vector<std::pair<std::int64_t, Object>> found;
   if (keys != nullptr) {
     for (const auto& [key, value] : *keys) {
@@ -303,14 +339,34 @@ void BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::stri
   std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   std::int64_t cursor = from;
   for (const auto& [index, value] : found) {
-    if (index > cursor) missingRun(cursor, index - 1);
-    present(index, value);
+    if (index > cursor && !missingRun(cursor, index - 1)) return false;
+    if (!present(index, value)) return false;
     cursor = index + 1;
   }
-  if (cursor <= to) missingRun(cursor, to);
+  return cursor > to || missingRun(cursor, to);
 }
 
 // --- Merging ---
+
+// The (graph node, JSON node) pairs one merge has merged. Merging a pair again adds nothing (its values are written,
+// its references built), and references that lead to the same targets would otherwise merge them over and over:
+// a response of a few hundred bytes whose references fan out level by level costs exponential time. The objects
+// are held, so that no address is reused by another object while the merge runs.
+struct BrivetModel::MergeVisits {
+  struct PairHash {
+    std::size_t operator()(const std::pair<const void*, const void*>& p) const {
+      return std::hash<const void*>()(p.first) * 31 + std::hash<const void*>()(p.second);
+    }
+  };
+  bool first(const Object& graphNode, const Object& jsonNode) {
+    if (!seen.emplace(graphNode.impl().get(), jsonNode.impl().get()).second) return false;
+    held.push_back(graphNode);
+    held.push_back(jsonNode);
+    return true;
+  }
+  std::unordered_set<std::pair<const void*, const void*>, PairHash> seen;
+  std::vector<Object> held;
+};
 
 void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jsonGraphNode, const Object& json,
                                  const Object& jsonNode) {
@@ -318,25 +374,26 @@ void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jso
     logInfo("BrivetModel:buildJSONGraph ERROR: Invalid 'jsonGraphModel' argument.");
     return;
   }
-  mergeNode(jsonGraphModel, jsonGraphNode, json, jsonNode, 0);
+  MergeVisits visits;
+  mergeNode(jsonGraphModel, jsonGraphNode, json, jsonNode, 0, visits);
 }
 
 void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, const Object& jsonRoot,
-                            const Object& jsonNodeIn, std::size_t depth) {
+                            const Object& jsonNodeIn, std::size_t depth, MergeVisits& visits) {
   if (depth > internal::kMaxMergeDepth) return;
   Object graphNode = graphNodeIn.isNil() ? graphRoot : graphNodeIn;
   Object jsonNode = jsonNodeIn.isNil() ? jsonRoot : jsonNodeIn;
   if (const BrivetPathReference* r = BrivetPathReference::cast(graphNode)) graphNode = r->hardReference();
   if (const BrivetPathReference* r = BrivetPathReference::cast(jsonNode)) jsonNode = r->hardReference();
   const Dictionary* source = jsonNode.asDictionary();
-  if (source == nullptr) return;
+  if (source == nullptr || !visits.first(graphNode, jsonNode)) return;
   const bool sameNode = graphNode.isIdentical(jsonNode);
   // A snapshot of the keys: merging may replace values of this node (and, through references, of others).
   for (const Object& key : source->allKeys()) {
     const Object value = source->objectForKey(key);
     if (const Array* array = value.asArray()) {
       if (!array->empty() && (*array)[0].isString()) {
-        mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth);
+        mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth, visits);
       } else if (!sameNode) {
         setChild(graphNode, key,
                  keyEquals(key, BRIVET_NODE_PROFILES_KEY) ? arrayByReplacingNullsWithBlanks(value) : value);
@@ -345,18 +402,18 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
       if (isLeafNode(value) && !sameNode) {
         setChild(graphNode, key, convertLeafToAbsoluteExpiration(value));
       } else if (sameNode) {
-        mergeNode(graphRoot, value, jsonRoot, value, depth + 1);
+        mergeNode(graphRoot, value, jsonRoot, value, depth + 1, visits);
       } else {
         const Object existing = childOf(graphNode, key);
         if (existing.isNil()) {
           setChild(graphNode, key, value);
-          mergeNode(graphRoot, value, jsonRoot, value, depth + 1);
+          mergeNode(graphRoot, value, jsonRoot, value, depth + 1, visits);
         } else if (!existing.isDictionary()) {
           const Object fresh = Object::mutableDictionary();
           setChild(graphNode, key, fresh);
-          mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1);
+          mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1, visits);
         } else {
-          mergeNode(graphRoot, existing, jsonRoot, value, depth + 1);
+          mergeNode(graphRoot, existing, jsonRoot, value, depth + 1, visits);
         }
       }
     } else if (value.isString() || value.isNumber()) {
@@ -367,7 +424,8 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
 }
 
 void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot,
-                                 const Object& jsonNode, const Object& key, const Object& path, std::size_t depth) {
+                                 const Object& jsonNode, const Object& key, const Object& path, std::size_t depth,
+                                 MergeVisits& visits) {
   const std::string keyPath = internal::joinDescriptions(path, BRIVET_KEY_PATH_SEPARATOR);
   const Object graphTarget = graphRoot.valueForKeyPath(keyPath);
   const Object jsonTarget = jsonRoot.valueForKeyPath(keyPath);
@@ -381,9 +439,9 @@ void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNod
   setChild(graphNode, key, reference);
   setChild(jsonNode, key, reference);
   if (graphTarget.isNil()) {
-    mergeNode(graphRoot, jsonTarget, jsonRoot, jsonTarget, depth + 1);
+    mergeNode(graphRoot, jsonTarget, jsonRoot, jsonTarget, depth + 1, visits);
   } else if (!graphTarget.isArray()) {
-    mergeNode(graphRoot, graphTarget, jsonRoot, jsonTarget, depth + 1);
+    mergeNode(graphRoot, graphTarget, jsonRoot, jsonTarget, depth + 1, visits);
   }
 }
 

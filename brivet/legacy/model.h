@@ -34,6 +34,7 @@
 #include "brivet/legacy/path.h"
 #include "brivet/legacy/protocols.h"
 #include "brivet/platform/dispatch_queue.h"
+#include "brivet/platform/internal/step_budget.h"
 #include "brivet/platform/error.h"
 #include "brivet/platform/format.h"
 #include "brivet/platform/internal/mutex.h"
@@ -112,8 +113,9 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
 
   // --- Cache primitives. The caller runs them inside blocks of the queue (sync for misses, barrier for merges).
   // Appends the key paths of `path` that are missing or expired below `resolvedKeyPath` (the root when absent).
-  // Consecutive missing indices of a range collapse into one ranged key path.
-  void collectCacheMissesInto(std::vector<std::string>* cacheMisses, const BrivetPath* path,
+  // Consecutive missing indices of a range collapse into one ranged key path. Answers false when the walk went
+  // past its budget (internal/graph.h: the path fans out through references); what was collected stays.
+  bool collectCacheMissesInto(std::vector<std::string>* cacheMisses, const BrivetPath* path,
                               std::optional<std::string_view> resolvedKeyPath);
   // Merges the JSON node (default: the JSON root) into the graph node (default: the graph root).
   void buildJSONGraph(const Object& jsonGraphModel, const Object& jsonGraphNode, const Object& json,
@@ -159,13 +161,16 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   bool isCacheExpirationEnabled();
 
   Object safeValueForKeyPath(std::string_view keyPath);
-  void collectMisses(std::vector<std::string>& misses, const BrivetPath* path, std::optional<std::string> prefix);
-  void collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment, const BrivetPath* next,
-                          const std::optional<std::string>& prefix);
+  // Both answer false once `budget` is spent. `base` is the node `prefix` names.
+  bool collectMisses(std::vector<std::string>& misses, const BrivetPath* path, std::optional<std::string> prefix,
+                     internal::StepBudget& budget);
+  bool collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment, const BrivetPath* next,
+                          const std::optional<std::string>& prefix, const Object& base, internal::StepBudget& budget);
+  struct MergeVisits;  // the node pairs one merge has merged
   void mergeNode(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot, const Object& jsonNode,
-                 std::size_t depth);
+                 std::size_t depth, MergeVisits& visits);
   void mergeReference(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot, const Object& jsonNode,
-                      const Object& key, const Object& path, std::size_t depth);
+                      const Object& key, const Object& path, std::size_t depth, MergeVisits& visits);
 
   // Loader.
   Object fetchKeyPaths(const std::optional<std::vector<std::string>>& keyPaths, const UUID& uuid,

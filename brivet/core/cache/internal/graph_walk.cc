@@ -751,7 +751,7 @@ Slot invalidateArray(Slot array, const PathTree& tree);
 // entry of the tree and needs no budget.
 template <class F>
 void forEachPresentKey(Slot branch, const KeySet& keys, F&& f) {
-  WalkBudget unbounded(SIZE_MAX - 1);
+  WalkBudget unbounded = WalkBudget::unbounded();
   forEachKeyIn(
       branch, keys, unbounded,
       [&](std::string_view key, Slot) {

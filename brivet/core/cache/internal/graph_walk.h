@@ -22,28 +22,13 @@
 #include "brivet/core/values/brivet_error.h"
 #include "brivet/core/values/internal/node.h"
 #include "brivet/core/values/path_tree.h"
+#include "brivet/platform/internal/step_budget.h"
 #include "brivet/platform/result.h"
 
 namespace brivet::internal {
 
-// The steps one walk may still take (see `walkBudget` in cache.h). Once spent,
-// every further `spend` fails.
-class WalkBudget {
- public:
-  explicit WalkBudget(std::size_t limit) : limit_(limit) {}
-  // Spends `n` steps; false when that goes past the limit (and from then on).
-  bool spend(std::size_t n) {
-    if (used_ > limit_) return false;
-    used_ = n > limit_ - used_ ? limit_ + 1 : used_ + n;
-    return used_ <= limit_;
-  }
-  bool exhausted() const { return used_ > limit_; }
-  std::size_t limit() const { return limit_; }
-
- private:
-  std::size_t limit_;
-  std::size_t used_ = 0;  // at most limit_ + 1
-};
+// The steps one walk may still take (see `walkBudget` in cache.h).
+using WalkBudget = StepBudget;
 // {"message": "walk exceeded its budget of N steps"}
 JSONValue budgetErrorValue(std::size_t limit);
 
