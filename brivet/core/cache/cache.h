@@ -41,7 +41,8 @@
 //    request and the graph together. Past the budget a value read fails with
 //    a path-bound error whose value is {"message": "walk exceeded its budget
 //    of N steps"}; an extraction ends with what it gathered, like a cycle (and
-//    fails when that is nothing: a snapshot then holds the whole graph).
+//    fails when that is nothing: a snapshot then holds the whole graph); an
+//    invalidation removes what it met before the budget ran out.
 #pragma once
 
 #include <cstddef>
@@ -66,7 +67,7 @@ namespace brivet {
 // References followed along one chain of one walk before it gives up.
 inline constexpr std::size_t kMaxReferencesFollowed = 1024;
 // The steps every walk may take, and the steps added per key of its request.
-inline constexpr std::size_t kWalkStepBudget = std::size_t{1} << 20;
+inline constexpr std::size_t kWalkStepBudget = std::size_t{1} << 18;
 inline constexpr std::size_t kWalkStepsPerRequestKey = 4;
 // The step budget of one walk over `tree`: kWalkStepBudget plus
 // kWalkStepsPerRequestKey per key the tree names (a range counts as one key).

@@ -24,7 +24,7 @@ inline constexpr std::size_t kMaxReferencesPerPath = 256;
 // key its paths name (a range counts as one key). A step is one key looked up in a branch, one reference
 // followed, or one fragment of a missing key path written out. Key sets that fan out through cycles of references
 // would otherwise cost exponentially more than the request and the cache together.
-inline constexpr std::size_t kWalkStepBudget = std::size_t{1} << 20;
+inline constexpr std::size_t kWalkStepBudget = std::size_t{1} << 18;
 inline constexpr std::size_t kWalkStepsPerRequestKey = 4;
 std::size_t walkBudget(std::span<const BrivetPathProtocol* const> paths);
 // Nesting of one merge: deeper nodes (a chain of references, each merging its target) are stored but not merged

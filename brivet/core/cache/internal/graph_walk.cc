@@ -106,12 +106,6 @@ std::vector<IndexRange> joinedRanges(const KeySet& keys) {
   return joined;
 }
 
-bool inRanges(const std::vector<IndexRange>& ranges, std::int64_t v) {
-  auto it = std::upper_bound(ranges.begin(), ranges.end(), v,
-                             [](std::int64_t x, const IndexRange& r) { return x < r.from; });
-  return it != ranges.begin() && v <= std::prev(it)->to;
-}
-
 // The integer a key stands for when it is the decimal text a range yields for
 // it ("7", "-3"; never "07", "+7" or "-0").
 bool canonicalInteger(std::string_view key, std::int64_t* value) {
@@ -124,15 +118,14 @@ bool canonicalInteger(std::string_view key, std::int64_t* value) {
 
 std::size_t branchSize(Slot branch) { return isObjectSlot(branch) ? objectSize(branch) : arrayOf(branch)->count; }
 
-Slot childAtIndex(Slot branch, std::int64_t index, std::string_view key) {
-  if (isObjectSlot(branch)) return objectFind(branch, KeyProbe(key));
-  const ArrayNode* a = arrayOf(branch);
-  return index >= 0 && static_cast<std::uint64_t>(index) < a->count ? a->items[index] : kEmpty;
-}
+// A key's own slot when it is kept in place (a short text), else kEmpty: such
+// a slot can be handed to a builder as it stands.
+Slot inPlaceKey(const Slot& key) { return tagOf(key) == kTagShortString ? key : kEmpty; }
 
 // The indices of `ranges` (sorted, disjoint) over a branch: `present(text,
-// child)` for each index the branch holds, in ascending order (false stops
-// the walk), `absent(from, to)` for each maximal run of indices it lacks. The
+// child, keySlot)` for each index the branch holds, in ascending order (false
+// stops the walk; `keySlot` is the key kept in place, or kEmpty), `absent(from,
+// to)` for each maximal run of indices it lacks. The
 // cost follows the branch, not the ranges: when they name more indices than
 // the branch holds, the branch's own integer keys are visited instead. One
 // budget step per index looked up, or per entry of the branch scanned.
@@ -149,17 +142,22 @@ bool forEachIndex(Slot branch, const std::vector<IndexRange>& ranges, WalkBudget
   std::uint64_t total = 0;
   for (const IndexRange& r : ranges) total = widthOf(r) > UINT64_MAX - total ? UINT64_MAX : total + widthOf(r);
   if (total <= std::max<std::uint64_t>(kDenseRangeLimit, size)) {
+    // Fits a size_t: no more than the branch holds, or 64.
+    if (!budget.spend(static_cast<std::size_t>(total))) return false;
+    const bool isObject = isObjectSlot(branch);
+    const ArrayNode* array = isObject ? nullptr : arrayOf(branch);
     for (const IndexRange& r : ranges) {
       std::optional<std::int64_t> run;
       for (std::int64_t v = r.from;; ++v) {
-        if (!budget.spend(1)) return false;
-        const std::string_view key = text(v);
-        const Slot child = childAtIndex(branch, v, key);
+        const KeyProbe probe(text(v));
+        const Slot child = isObject ? objectFind(branch, probe)
+                           : v >= 0 && static_cast<std::uint64_t>(v) < array->count ? array->items[v]
+                                                                                     : kEmpty;
         if (child == kEmpty) {
           if (!run) run = v;
         } else {
           if (run) absent(*std::exchange(run, std::nullopt), v - 1);
-          if (!present(key, child)) return false;
+          if (!present(probe.text, child, probe.inlineSlot)) return false;
         }
         if (v == r.to) break;
       }
@@ -180,34 +178,37 @@ bool forEachIndex(Slot branch, const std::vector<IndexRange>& ranges, WalkBudget
       if (r.from < lo) absent(r.from, lo - 1);
       for (std::int64_t v = lo; v <= hi; ++v) {
         if (!budget.spend(1)) return false;
-        if (!present(text(v), a->items[v])) return false;
+        const KeyProbe probe(text(v));
+        if (!present(probe.text, a->items[v], probe.inlineSlot)) return false;
       }
       if (hi < r.to) absent(hi + 1, r.to);
     }
     return true;
   }
-  if (!budget.spend(size)) return false;
-  struct Found {
-    std::int64_t index;
-    const Slot* key;  // in the branch's own storage
-    Slot child;
-  };
-  std::vector<Found> found;
-  forEachEntry(branch, [&](const Slot& key, const Slot& child) {
-    std::int64_t v;
-    if (canonicalInteger(stringOf(key), &v) && inRanges(ranges, v)) found.push_back({v, &key, child});
-  });
-  std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.index < b.index; });
-  std::size_t f = 0;
+  // The branch's integer keys, sorted: found once per walk, however many ranges go over the branch.
+  auto known = budget.indices.find(branch);
+  if (known == budget.indices.end()) {
+    if (!budget.spend(size)) return false;
+    std::vector<IndexedChild> all;
+    forEachEntry(branch, [&](const Slot& key, const Slot& child) {
+      std::int64_t v;
+      if (canonicalInteger(stringOf(key), &v)) all.push_back({v, &key, child});
+    });
+    std::sort(all.begin(), all.end(), [](const IndexedChild& a, const IndexedChild& b) { return a.index < b.index; });
+    known = budget.indices.emplace(branch, std::move(all)).first;
+  }
+  const std::vector<IndexedChild>& found = known->second;
   for (const IndexRange& r : ranges) {
+    auto f = std::lower_bound(found.begin(), found.end(), r.from,
+                              [](const IndexedChild& e, std::int64_t v) { return e.index < v; });
     std::int64_t next = r.from;
     bool more = true;  // indices after the last one visited remain in this range
-    for (; f < found.size() && found[f].index <= r.to; ++f) {
-      const Found& e = found[f];
-      if (e.index > next) absent(next, e.index - 1);
-      if (!present(stringOf(*e.key), e.child)) return false;
-      more = e.index < r.to;
-      if (more) next = e.index + 1;
+    for (; f != found.end() && f->index <= r.to; ++f) {
+      if (!budget.spend(1)) return false;
+      if (f->index > next) absent(next, f->index - 1);
+      if (!present(stringOf(*f->key), f->child, inPlaceKey(*f->key))) return false;
+      more = f->index < r.to;
+      if (more) next = f->index + 1;
     }
     if (more && next <= r.to) absent(next, r.to);
   }
@@ -215,8 +216,8 @@ bool forEachIndex(Slot branch, const std::vector<IndexRange>& ranges, WalkBudget
 }
 
 // The keys of a key set over a branch, in the set's order (its ranges, joined,
-// where the first of them stands): `present(text, child)` for each key the
-// branch holds (false stops), `absentKey(text)` for each plain key it lacks,
+// where the first of them stands): `present(text, child, keySlot)` for each
+// key the branch holds (false stops), `absentKey(text)` for each plain key it lacks,
 // `absentRun(from, to)` for each run of range indices it lacks. Answers false
 // when stopped or out of budget.
 template <class Present, class AbsentKey, class AbsentRun>
@@ -226,11 +227,11 @@ bool forEachKeyIn(Slot branch, const KeySet& keys, WalkBudget& budget, Present&&
   for (const Key& k : keys) {
     if (k.kind() != Key::Kind::Range) {
       if (!budget.spend(1)) return false;
-      const std::string_view key = k.stringValue();
-      const Slot child = childOf(branch, key);
+      const KeyProbe probe(k.stringValue());
+      const Slot child = childOf(branch, probe);
       if (child == kEmpty) {
-        absentKey(key);
-      } else if (!present(key, child)) {
+        absentKey(probe.text);
+      } else if (!present(probe.text, child, probe.inlineSlot)) {
         return false;
       }
       continue;
@@ -293,11 +294,12 @@ class ValueWalker {
   bool stopped() const { return failure_.has_value() || budget_.exhausted(); }
   // Spends `n` steps; past the budget the walk ends with a path-bound error (once).
   bool spend(std::size_t n) {
-    if (budget_.spend(n)) return true;
+    if (budget_.spend(n)) [[likely]] return true;
     reportExhausted();
     return false;
   }
-  void reportExhausted() {
+  // Out of line: the budget runs out once per walk at most, and the hot loops stay small.
+  [[gnu::noinline, gnu::cold]] void reportExhausted() {
     if (budgetReported_) return;
     budgetReported_ = true;
     errors.push_back({texts(requested_), budgetErrorValue(budget_.limit())});
@@ -332,23 +334,24 @@ class ValueWalker {
     return true;
   }
 
+  // Misses are written out of line, keeping the walk's loops small.
   // A key of the request's set `i` that the branch lacks (no target keys are pending then).
-  void missingRequested(const Key& key, std::size_t i) {
+  [[gnu::noinline]] void missingRequested(const Key& key, std::size_t i) {
     report(requestedPath(&key, i + 1), optimizedPath(&key, false, i + 1));
   }
   // A run of range indices of set `i` that the branch lacks: one path for the
   // run, a plain key when it is a single index.
-  void missingRun(std::int64_t from, std::int64_t to, std::size_t i) {
+  [[gnu::noinline]] void missingRun(std::int64_t from, std::int64_t to, std::size_t i) {
     const Key key = from == to ? Key::string(std::to_string(from)) : Key::range(from, to);
     missingRequested(key, i);
   }
   // A target key that the branch lacks: the request goes on from set `i`.
-  void missingTarget(std::string_view key, std::size_t i) {
+  [[gnu::noinline]] void missingTarget(std::string_view key, std::size_t i) {
     const Key k = Key::string(std::string(key));
     report(requestedPath(nullptr, i), optimizedPath(&k, true, i));
   }
   // An expired leaf reached with set `i` next: fetched again like a missing one.
-  void missingExpired(std::size_t i) { report(requestedPath(nullptr, i), optimizedPath(nullptr, false, i)); }
+  [[gnu::noinline]] void missingExpired(std::size_t i) { report(requestedPath(nullptr, i), optimizedPath(nullptr, false, i)); }
 
   Slot walk(Slot node, std::size_t i) {
     const std::size_t savedOptimized = optimized_.size();
@@ -373,8 +376,7 @@ class ValueWalker {
           return kEmpty;
         }
         if (pending_.empty()) return walkKeySet(node, i);
-        // A key of a reference's target: one step down, nothing to gather.
-        if (!spend(1)) return kEmpty;
+        // A key of a reference's target (paid for when the reference was followed): one step down.
         Pending& frame = pending_.back();
         const Slot& keySlot = frame.target->items[frame.next];
         const std::string_view key = stringOf(keySlot);
@@ -407,7 +409,8 @@ class ValueWalker {
             errors.push_back({texts(requested_), cycleErrorValue()});
             return kEmpty;
           }
-          if (!spend(1)) return kEmpty;
+          // The reference and every key of its target are steps.
+          if (!spend(1 + arrayOf(v.value)->count)) return kEmpty;
           ++hops_;
           pending_.push_back({arrayOf(v.value), 0});
           optimizedBase_ = optimized_.size();
@@ -439,9 +442,9 @@ class ValueWalker {
     };
     if (!probes_[i].empty() || (*path_)[i].empty()) {
       const KeySet& keys = (*path_)[i];
+      if (!spend(probes_[i].size())) return kEmpty;
       for (std::size_t k = 0; k < probes_[i].size() && !stopped(); ++k) {
         const KeyProbe& probe = probes_[i][k];
-        if (!spend(1)) break;
         const Slot child = childOf(node, probe);
         if (child == kEmpty) {
           missingRequested(keys[k], i);
@@ -451,7 +454,7 @@ class ValueWalker {
       }
     } else {
       const bool finished = forEachKeyIn(
-          node, (*path_)[i], budget_, [&](std::string_view key, Slot child) { return visit(key, child, kEmpty); },
+          node, (*path_)[i], budget_, visit,
           [&](std::string_view key) { missingRequested(Key::string(std::string(key)), i); },
           [&](std::int64_t from, std::int64_t to) { missingRun(from, to, i); });
       if (!finished && budget_.exhausted()) reportExhausted();
@@ -557,10 +560,10 @@ class Extractor {
         ObjectBuilder builder;
         forEachKeyIn(
             node, path[i], budget_,
-            [&](std::string_view key, Slot child) {
+            [&](std::string_view key, Slot child, Slot keySlot) {
               const Slot part = walk(child, path, i + 1, found);
               if (build_ && !stopped()) {
-                builder.add(makeString(key), part);
+                builder.add(keySlot != kEmpty ? keySlot : makeString(key), part);
               } else {
                 release(part);
               }
@@ -573,7 +576,7 @@ class Extractor {
       std::vector<std::pair<std::size_t, Slot>> parts;
       forEachKeyIn(
           node, path[i], budget_,
-          [&](std::string_view key, Slot child) {
+          [&](std::string_view key, Slot child, Slot) {
             std::size_t index;
             if (!parseIndex(key, &index)) return true;
             const Slot part = walk(child, path, i + 1, found);
@@ -743,18 +746,17 @@ Slot mergeGraph(Slot incoming, Slot old) {
 
 namespace {
 
-Slot invalidateArray(Slot array, const PathTree& tree);
+Slot invalidateArray(Slot array, const PathTree& tree, WalkBudget& budget);
 
 // Calls `f(text)` for the keys of a set that a branch may hold: every plain
 // key, and the range indices it does hold (never the width of a range). An
-// invalidation follows no references, so each branch is visited once per
-// entry of the tree and needs no budget.
+// invalidation follows no references, but a tree may hold many entries over
+// one large branch: the budget bounds them all.
 template <class F>
-void forEachPresentKey(Slot branch, const KeySet& keys, F&& f) {
-  WalkBudget unbounded = WalkBudget::unbounded();
+void forEachPresentKey(Slot branch, const KeySet& keys, WalkBudget& budget, F&& f) {
   forEachKeyIn(
-      branch, keys, unbounded,
-      [&](std::string_view key, Slot) {
+      branch, keys, budget,
+      [&](std::string_view key, Slot, Slot) {
         f(key);
         return true;
       },
@@ -762,30 +764,30 @@ void forEachPresentKey(Slot branch, const KeySet& keys, F&& f) {
 }
 
 // What one entry of the tree does to a present child (owned result).
-Slot invalidateChild(Slot child, const PathTree& sub) {
+Slot invalidateChild(Slot child, const PathTree& sub, WalkBudget& budget) {
   switch (sub.kind()) {
     case PathTree::Kind::Target:
     case PathTree::Kind::Self: return kEmpty;
     case PathTree::Kind::Object:
-      if (isObjectSlot(child)) return invalidateGraph(child, sub);
-      if (isArraySlot(child)) return invalidateArray(child, sub);
+      if (isObjectSlot(child)) return invalidateGraph(child, sub, budget);
+      if (isArraySlot(child)) return invalidateArray(child, sub, budget);
       return keepOld(child);  // a leaf stays: references are not followed here
     case PathTree::Kind::KeySet: return keepOld(child);
   }
   return keepOld(child);
 }
 
-Slot invalidateArray(Slot array, const PathTree& tree) {
+Slot invalidateArray(Slot array, const PathTree& tree, WalkBudget& budget) {
   const ArrayNode* a = arrayOf(array);
   std::vector<Slot> items(a->items, a->items + a->count);
   for (Slot s : items) retain(s);
   bool changed = false;
   for (const PathTree::Entry& entry : tree.entries()) {
     const PathTree& sub = entry.second;
-    forEachPresentKey(array, entry.first, [&](std::string_view key) {
+    forEachPresentKey(array, entry.first, budget, [&](std::string_view key) {
       std::size_t index;
       if (!parseIndex(key, &index) || index >= items.size() || items[index] == kEmpty) return;
-      const Slot next = invalidateChild(items[index], sub);
+      const Slot next = invalidateChild(items[index], sub, budget);
       if (next != items[index]) changed = true;
       release(items[index]);
       items[index] = next;
@@ -801,24 +803,29 @@ Slot invalidateArray(Slot array, const PathTree& tree) {
 
 }  // namespace
 
-Slot invalidateGraph(Slot graph, const PathTree& tree) {
+Slot invalidateGraph(Slot graph, const PathTree& tree, WalkBudget& budget) {
   if (tree.kind() != PathTree::Kind::Object) return keepOld(graph);
-  if (isArraySlot(graph)) return invalidateArray(graph, tree);
+  if (isArraySlot(graph)) return invalidateArray(graph, tree, budget);
   if (!isObjectSlot(graph)) return keepOld(graph);
   // Each change carries the index of its subtree as a number slot.
   std::vector<SlotRef> keyHolders;
   std::vector<Entry> changes;
   const auto& entries = tree.entries();
   for (std::size_t e = 0; e < entries.size(); ++e) {
-    forEachPresentKey(graph, entries[e].first, [&](std::string_view key) {
+    forEachPresentKey(graph, entries[e].first, budget, [&](std::string_view key) {
       keyHolders.emplace_back(makeString(key));
       changes.push_back({keyHolders.back().get(), makeSignedNumber(static_cast<std::int64_t>(e))});
     });
   }
-  return objectUpdate(graph, changes, [&entries](Slot old, Slot index) -> Slot {
+  return objectUpdate(graph, changes, [&entries, &budget](Slot old, Slot index) -> Slot {
     if (old == kEmpty) return kEmpty;
-    return invalidateChild(old, entries[static_cast<std::size_t>(intOf(index))].second);
+    return invalidateChild(old, entries[static_cast<std::size_t>(intOf(index))].second, budget);
   });
+}
+
+Slot invalidateGraph(Slot graph, const PathTree& tree) {
+  WalkBudget budget(walkBudget(tree));
+  return invalidateGraph(graph, tree, budget);
 }
 
 // --- Reads ---

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -27,8 +28,21 @@
 
 namespace brivet::internal {
 
-// The steps one walk may still take (see `walkBudget` in cache.h).
-using WalkBudget = StepBudget;
+// A child of a large object whose key is the decimal text of an integer.
+struct IndexedChild {
+  std::int64_t index;
+  const Slot* key;  // in the object's own storage
+  Slot child;
+};
+// The steps one walk may still take (see `walkBudget` in cache.h), and the
+// integer keys of the large objects its ranges went over, sorted: a walk
+// sorts a branch once, however many ranges go over it. Belongs to one walk
+// over one graph (the graph outlives it).
+class WalkBudget : public StepBudget {
+ public:
+  using StepBudget::StepBudget;
+  std::unordered_map<Slot, std::vector<IndexedChild>> indices;
+};
 // {"message": "walk exceeded its budget of N steps"}
 JSONValue budgetErrorValue(std::size_t limit);
 
@@ -64,8 +78,10 @@ std::vector<Path> referencePaths(Slot root, const std::vector<Path>& paths);
 // The merge of `incoming` into `old` (owned; `old` itself when the result equals it).
 Slot mergeGraph(Slot incoming, Slot old);
 // `graph` without the entries `tree` addresses (owned; `graph` itself when
-// nothing was removed). References are not followed.
+// nothing was removed). References are not followed. Past the step budget
+// the entries met so far are removed and the rest stay.
 Slot invalidateGraph(Slot graph, const PathTree& tree);
+Slot invalidateGraph(Slot graph, const PathTree& tree, WalkBudget& budget);
 
 // Whether a leaf's metadata says it has expired at `nowMs` (milliseconds since 1970).
 bool isExpired(const Metadata& metadata, double nowMs);
