@@ -6,8 +6,9 @@
 // time is one whole digest. Peak heap of one digest, with valgrind's massif:
 //
 //   make bench BENCH_ARGS='--benchmark_filter=BM_HostileCallAnswer'
-//   valgrind --tool=massif build-release/brivet_benchmarks \
+//   valgrind --tool=massif build-release/brivet_benchmarks
 //       --benchmark_filter=BM_HostileCallAnswer/longMisses/ --benchmark_min_time=0.001
+//   (one command line)
 #include <benchmark/benchmark.h>
 
 #include <chrono>
