@@ -17,7 +17,8 @@ using ::brivet::testing::json;
 using ::brivet::testing::ScriptedDataSource;
 using ::brivet::testing::ScriptedResponse;
 
-const std::string kBudgetMessage = " ERROR: Reading the paths went past the walk budget of the cache (1048576 steps plus 4 per key of the paths).";
+const std::string kBudgetMessage = " ERROR: Reading the paths went past the walk budget of the cache (" +
+                                   std::to_string(internal::kWalkStepBudget) + " steps plus 4 per key of the paths).";
 
 class LegacyHostileTest : public ::testing::Test {
  protected:
