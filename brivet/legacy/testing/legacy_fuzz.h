@@ -47,7 +47,7 @@ inline void checkLegacyReads(BrivetModel& model, const std::vector<std::string>&
   model.getKeyPaths(keyPaths, BrivetModelOptionReturnCacheDataDontFetch, std::nullopt,
                     [&](const Object& result, const std::optional<Error>& error) {
                       ++completions;
-                      answered = result.isDictionary() || error.has_value();
+                      answered = result.isDictionary() || error.has_value();  // a cache read always answers
                     });
   BRIVET_FUZZ_CHECK(awaitCompletions(model, [&] { return completions; }, 1) == 1 && answered,
                     "a cache-only get ends with one completion, a dictionary or an error");
