@@ -155,6 +155,19 @@ function(brivet_finish_benchmarks)
   brivet_apply_warnings(brivet_benchmarks)
 endfunction()
 
+# The public headers: every header under brivet/ except those in internal/
+# and testing/ folders (library internals and test support). They are what
+# `cmake --install` installs, and what tests/install compiles one by one.
+function(brivet_public_headers out)
+  file(GLOB_RECURSE headers RELATIVE "${BRIVET_SOURCE_ROOT}" CONFIGURE_DEPENDS "${BRIVET_SOURCE_ROOT}/brivet/*.h")
+  list(FILTER headers EXCLUDE REGEX "(^|/)(internal|testing)/")
+  list(SORT headers)
+  set(${out} ${headers} PARENT_SCOPE)
+endfunction()
+
+# Installs the libraries, the public headers and a package config that finds
+# the libraries' own dependencies, so that `find_package(Brivet)` is all a
+# consumer writes.
 function(brivet_install_exports)
   get_property(targets GLOBAL PROPERTY BRIVET_EXPORTED_TARGETS)
   if(NOT targets)
@@ -165,16 +178,55 @@ function(brivet_install_exports)
   install(TARGETS ${targets} EXPORT BrivetTargets
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-  install(DIRECTORY ${BRIVET_SOURCE_ROOT}/brivet DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-          FILES_MATCHING PATTERN "*.h" PATTERN "testing" EXCLUDE)
+  brivet_public_headers(headers)
+  foreach(header IN LISTS headers)
+    get_filename_component(folder "${header}" DIRECTORY)
+    install(FILES "${BRIVET_SOURCE_ROOT}/${header}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${folder}")
+  endforeach()
   install(EXPORT BrivetTargets NAMESPACE brivet:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Brivet)
+  set(dependencies "find_dependency(Threads)\n")
+  if(TARGET brivet_adapters)
+    string(APPEND dependencies "find_dependency(CURL)\n")
+  endif()
   file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/BrivetConfig.cmake
+       "# Brivet's package: the targets brivet::platform, brivet::core, brivet::legacy,\n"
+       "# brivet::facade and (when built) brivet::adapters, with their dependencies.\n"
        "include(CMakeFindDependencyMacro)\n"
-       "find_dependency(Threads)\n"
+       "${dependencies}"
        "include(\"\${CMAKE_CURRENT_LIST_DIR}/BrivetTargets.cmake\")\n")
   write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/BrivetConfigVersion.cmake
                                    COMPATIBILITY SameMinorVersion)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/BrivetConfig.cmake
                 ${CMAKE_CURRENT_BINARY_DIR}/BrivetConfigVersion.cmake
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Brivet)
+endfunction()
+
+# The install as an application meets it: CTest installs this build into a
+# scratch prefix and builds tests/install against it, once per exported target
+# (test install.consumer, label install).
+function(brivet_add_install_test)
+  if(NOT BRIVET_BUILD_TESTS)
+    return()
+  endif()
+  get_property(targets GLOBAL PROPERTY BRIVET_EXPORTED_TARGETS)
+  set(names "")
+  foreach(target IN LISTS targets)
+    string(REGEX REPLACE "^brivet_" "" name "${target}")
+    list(APPEND names "${name}")
+  endforeach()
+  list(JOIN names "," names)
+  set(flags "")
+  if(BRIVET_SANITIZE)
+    set(flags "-fsanitize=${BRIVET_SANITIZE}")
+  endif()
+  add_test(NAME install.consumer
+           COMMAND ${CMAKE_COMMAND} "-DBUILD_DIR=${CMAKE_BINARY_DIR}" "-DSOURCE_DIR=${BRIVET_SOURCE_ROOT}/tests/install"
+                   "-DWORK_DIR=${CMAKE_BINARY_DIR}/install-test" "-DTARGETS=${names}"
+                   "-DCXX=${CMAKE_CXX_COMPILER}" "-DGENERATOR=${CMAKE_GENERATOR}" "-DFLAGS=${flags}"
+                   -P "${BRIVET_SOURCE_ROOT}/tests/install/run.cmake")
+  set(environment "")
+  if(BRIVET_SANITIZE)
+    set(environment "${BRIVET_SANITIZER_ENVIRONMENT}")
+  endif()
+  set_tests_properties(install.consumer PROPERTIES LABELS install TIMEOUT 1200 ENVIRONMENT "${environment}")
 endfunction()

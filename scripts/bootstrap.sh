@@ -10,7 +10,7 @@ packages=(
   # the sanitizer builds of CI
   clang libclang-rt-14-dev
   # libraries
-  rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev
+  rapidjson-dev libfast-float-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libcpp-httplib-dev
 )
 

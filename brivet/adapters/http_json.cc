@@ -37,9 +37,20 @@ Result<Object> decodeJSONAnswer(const Result<HTTPResponse, HTTPTransportError>& 
         return httpError(HTTPErrorCode::TooLarge, "The answer is too large: " + failure.message);
       case HTTPTransportError::Kind::Other:
         return httpError(HTTPErrorCode::TransferFailed, "The request failed: " + failure.message);
+      case HTTPTransportError::Kind::ConnectionLost:
+        return httpError(HTTPErrorCode::ConnectionLost, "The connection was lost: " + failure.message);
+      case HTTPTransportError::Kind::TooManyRedirects:
+        return httpError(HTTPErrorCode::TooManyRedirects, "Too many redirects: " + failure.message);
+      case HTTPTransportError::Kind::BadURL:
+        return httpError(HTTPErrorCode::BadURL, "The URL cannot be requested: " + failure.message);
     }
   }
   const HTTPResponse& response = answer.value();
+  if (response.statusCode >= 300 && response.statusCode < 400) {
+    return httpError(HTTPErrorCode::Redirected,
+                     "The server redirected (HTTP " + std::to_string(response.statusCode) + ")" +
+                         (response.location.empty() ? std::string() : " to " + response.location) + ".");
+  }
   Result<Object> document = parseJSON(response.body, options);
   if (response.statusCode >= 400) {
     const Object body = document.ok() ? document.value() : Object(response.body);

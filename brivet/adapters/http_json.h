@@ -11,8 +11,9 @@
 // user info holds the status under `kHTTPStatusCodeKey` and the error body -
 // parsed JSON when it is JSON, else its text - under `kHTTPErrorBodyKey`), so
 // the core model reads its reason from the body; a body that is not JSON, a
-// refused connection, a timeout, a cancelled request or an answer too large
-// have the negative codes below.
+// redirect that was not followed, a refused or dropped connection, a timeout,
+// a cancelled request, an answer too large or a malformed URL have the
+// negative codes below.
 //
 // The core model's client is stricter than the data source it serves: an
 // answer without a "jsonGraph" object would silently give no value, so it
@@ -41,6 +42,10 @@ enum class HTTPErrorCode : std::int64_t {
   BadParameters = -6,
   TransferFailed = -7,
   NotJSONGraph = -8,  // JSON, but not the object with a "jsonGraph" object that the core model reads
+  ConnectionLost = -9,     // the connection was closed or reset before the answer was complete
+  Redirected = -10,        // a 3xx answer, not followed (see HTTPTransport::Options::maxRedirects)
+  TooManyRedirects = -11,  // more redirects than the transport follows
+  BadURL = -12,            // the URL is malformed or not http / https
 };
 
 // "k1=v1&k2=v2" with every value of the dictionary written as JSON text; an

@@ -158,6 +158,13 @@ struct HTTPTransport::Loop : std::enable_shared_from_this<HTTPTransport::Loop> {
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorText);
     curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    if (options.maxRedirects > 0) {
+      curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+      curl_easy_setopt(easy, CURLOPT_MAXREDIRS, options.maxRedirects);
+      curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+      curl_easy_setopt(easy, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_301 | CURL_REDIR_POST_302));
+    }
     transfer->headers = curl_slist_append(transfer->headers, "Accept: application/json");
     if (r.method == HTTPRequest::Method::POST) {
       curl_easy_setopt(easy, CURLOPT_POST, 1L);
@@ -180,6 +187,9 @@ struct HTTPTransport::Loop : std::enable_shared_from_this<HTTPTransport::Loop> {
       char* type = nullptr;
       curl_easy_getinfo(transfer.easy, CURLINFO_CONTENT_TYPE, &type);
       if (type != nullptr) response.contentType = type;
+      char* location = nullptr;
+      curl_easy_getinfo(transfer.easy, CURLINFO_REDIRECT_URL, &location);
+      if (location != nullptr) response.location = location;
       response.body = std::move(transfer.body);
       return response;
     }
@@ -194,6 +204,16 @@ struct HTTPTransport::Loop : std::enable_shared_from_this<HTTPTransport::Loop> {
       case CURLE_COULDNT_RESOLVE_PROXY:
         return Failure{HTTPTransportError{Kind::ConnectionFailed, std::move(message)}};
       case CURLE_OPERATION_TIMEDOUT: return Failure{HTTPTransportError{Kind::TimedOut, std::move(message)}};
+      case CURLE_GOT_NOTHING:
+      case CURLE_RECV_ERROR:
+      case CURLE_SEND_ERROR:
+      case CURLE_PARTIAL_FILE:
+        return Failure{HTTPTransportError{Kind::ConnectionLost, std::move(message)}};
+      case CURLE_TOO_MANY_REDIRECTS:
+        return Failure{HTTPTransportError{Kind::TooManyRedirects, std::move(message)}};
+      case CURLE_URL_MALFORMAT:
+      case CURLE_UNSUPPORTED_PROTOCOL:
+        return Failure{HTTPTransportError{Kind::BadURL, std::move(message)}};
       default: return Failure{HTTPTransportError{Kind::Other, std::move(message)}};
     }
   }
@@ -243,6 +263,30 @@ std::shared_ptr<HTTPRequestHandle> HTTPTransport::send(HTTPRequest request, Comp
   transfer->completion = std::move(completion);
   loop_->submit(transfer);
   return transfer;
+}
+
+std::optional<std::string> HTTPTransport::urlProblem(std::string_view url) {
+  initializeCurlOnce();
+  CURLU* handle = curl_url();
+  if (handle == nullptr) return std::string("cannot read URLs (out of memory)");
+  const std::string text(url);
+  std::optional<std::string> problem;
+  char* scheme = nullptr;
+  char* host = nullptr;
+  if (text.find_first_of(" \t\r\n") != std::string::npos) {
+    problem = "a URL with blanks or line breaks";
+  } else if (curl_url_set(handle, CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) {
+    problem = "not a URL";
+  } else if (curl_url_get(handle, CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK ||
+             (std::string_view(scheme) != "http" && std::string_view(scheme) != "https")) {
+    problem = "not an http:// or https:// URL";
+  } else if (curl_url_get(handle, CURLUPART_HOST, &host, 0) != CURLUE_OK || host[0] == '\0') {
+    problem = "a URL without a host";
+  }
+  curl_free(scheme);
+  curl_free(host);
+  curl_url_cleanup(handle);
+  return problem;
 }
 
 std::string HTTPTransport::percentEncode(std::string_view text) {

@@ -5,8 +5,14 @@
 // `send` returns at once; the completion runs later on the transport's thread
 // (keep it short: hand the result to a queue) with either the response - any
 // status code, the caller decides what a failure is - or the reason there is
-// none: the connection failed, the request timed out, it was cancelled, the
-// response grew past the size limit, or another transfer error.
+// none: the URL is malformed, the connection failed or was dropped before the
+// answer was complete, the request timed out, it was cancelled, the response
+// grew past the size limit, a redirect led past `maxRedirects`, or another
+// transfer error.
+//
+// Redirects are answers unless `Options::maxRedirects` is above 0: then up to
+// that many are followed (to http and https URLs only; a POST stays a POST
+// through 301, 302, 307 and 308).
 //
 // `cancel()` on the returned handle aborts the transfer; its completion then
 // runs once with `Cancelled` (unless it had already run). Destroying the
@@ -18,6 +24,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -41,10 +48,11 @@ struct HTTPResponse {
   long statusCode = 0;
   std::string body;
   std::string contentType;  // as the server sent it, possibly empty
+  std::string location;     // a redirect's target, when it was not followed
 };
 
 struct HTTPTransportError {
-  enum class Kind { ConnectionFailed, TimedOut, Cancelled, TooLarge, Other };
+  enum class Kind { ConnectionFailed, TimedOut, Cancelled, TooLarge, Other, ConnectionLost, TooManyRedirects, BadURL };
   Kind kind = Kind::Other;
   std::string message;
 };
@@ -62,6 +70,7 @@ class HTTPTransport {
     std::chrono::milliseconds requestTimeout{30000};
     std::size_t maxResponseBytes = 256u << 20;
     long maxConnectionsPerHost = 6;
+    long maxRedirects = 0;  // 0: a redirect is the answer
   };
   using Completion = std::function<void(Result<HTTPResponse, HTTPTransportError>)>;
 
@@ -72,6 +81,10 @@ class HTTPTransport {
   HTTPTransport& operator=(const HTTPTransport&) = delete;
 
   std::shared_ptr<HTTPRequestHandle> send(HTTPRequest request, Completion completion);
+
+  // Why `url` cannot be requested (not a URL, not http or https, no host), or
+  // nothing when it can.
+  static std::optional<std::string> urlProblem(std::string_view url);
 
   // Percent-encoding of one query or form component (RFC 3986 unreserved
   // characters kept), and "k=v&k2=v2" of encoded pairs.

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <optional>
@@ -36,9 +39,25 @@ class LoopbackServer {
     server_.Get("/big", [](const httplib::Request&, httplib::Response& response) {
       response.set_content(std::string(1 << 20, 'x'), "text/plain");
     });
+    server_.Get("/moved", [](const httplib::Request&, httplib::Response& response) {
+      response.set_redirect("/json?q=moved", 302);
+    });
+    server_.Post("/moved-form", [](const httplib::Request&, httplib::Response& response) {
+      response.set_redirect("/form", 307);
+    });
+    server_.Get("/loop", [](const httplib::Request&, httplib::Response& response) {
+      response.set_redirect("/loop", 302);
+    });
+    server_.Get("/elsewhere", [](const httplib::Request&, httplib::Response& response) {
+      response.set_redirect("ftp://127.0.0.1/file", 302);
+    });
+
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     // bind_to_any_port already listens: early connections wait in the backlog.
+    // A stop() before the server runs would be lost and the destructor would
+    // wait forever for its accept loop, so the server must be running first.
+    while (!server_.is_running()) std::this_thread::yield();
   }
   ~LoopbackServer() {
     stopping_ = true;
@@ -151,6 +170,74 @@ TEST_F(HTTPTransportTest, DestroyingTheTransportCancelsWhatIsInFlight) {
     }
   }
   EXPECT_EQ(cancelled.load(), 3);
+}
+
+TEST_F(HTTPTransportTest, RedirectsAreAnswersUnlessTheTransportFollowsThem) {
+  HTTPRequest moved;
+  moved.url = server_.url("/moved");
+  const Outcome notFollowed = roundTrip(moved, transport_);
+  ASSERT_TRUE(notFollowed.ok());
+  EXPECT_EQ(notFollowed->statusCode, 302);
+  EXPECT_EQ(notFollowed->location, server_.url("/json?q=moved"));
+
+  HTTPTransport::Options following;
+  following.maxRedirects = 2;
+  const auto follower = HTTPTransport::create(following);
+  const Outcome followed = roundTrip(moved, follower);
+  ASSERT_TRUE(followed.ok());
+  EXPECT_EQ(followed->body, R"({"q":"moved"})");
+
+  HTTPRequest post;
+  post.method = HTTPRequest::Method::POST;
+  post.url = server_.url("/moved-form");
+  post.body = "a=1&b=2";
+  EXPECT_EQ(roundTrip(post, follower)->body, "1|2");  // still a POST, with its body
+
+  HTTPRequest loop;
+  loop.url = server_.url("/loop");
+  const Outcome looping = roundTrip(loop, follower);
+  ASSERT_FALSE(looping.ok());
+  EXPECT_EQ(looping.error().kind, HTTPTransportError::Kind::TooManyRedirects);
+  HTTPRequest elsewhere;
+  elsewhere.url = server_.url("/elsewhere");
+  EXPECT_FALSE(roundTrip(elsewhere, follower).ok());  // only to http and https
+}
+
+TEST_F(HTTPTransportTest, DroppedConnectionsAndMalformedURLsAreTheirOwnFailures) {
+  // A server that reads the request and closes the connection without a word.
+  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+  ASSERT_EQ(::listen(listener, 1), 0);
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  std::thread dropper([listener] {
+    const int connection = ::accept(listener, nullptr, nullptr);
+    char buffer[4096];
+    (void)::recv(connection, buffer, sizeof buffer, 0);
+    ::close(connection);
+  });
+  HTTPRequest dropped;
+  dropped.url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/model.json";
+  const Outcome cut = roundTrip(dropped, transport_);
+  dropper.join();
+  ::close(listener);
+  ASSERT_FALSE(cut.ok());
+  EXPECT_EQ(cut.error().kind, HTTPTransportError::Kind::ConnectionLost) << cut.error().message;
+
+  HTTPRequest malformed;
+  malformed.url = "http://exa mple.com/model.json";
+  const Outcome bad = roundTrip(malformed, transport_);
+  ASSERT_FALSE(bad.ok());
+  EXPECT_EQ(bad.error().kind, HTTPTransportError::Kind::BadURL) << bad.error().message;
+
+  EXPECT_EQ(HTTPTransport::urlProblem("https://example.com/model.json"), std::nullopt);
+  EXPECT_EQ(HTTPTransport::urlProblem("http://exa mple.com"), "a URL with blanks or line breaks");
+  EXPECT_EQ(HTTPTransport::urlProblem("ftp://example.com/x"), "not an http:// or https:// URL");
+  EXPECT_EQ(HTTPTransport::urlProblem("http://"), "not a URL");
+  EXPECT_EQ(HTTPTransport::urlProblem("model.json"), "not a URL");
 }
 
 TEST(HTTPTransportEncodingTest, PercentEncodingKeepsOnlyUnreservedCharacters) {

@@ -45,8 +45,16 @@ Object KelHTTPDataSource::send(HTTPRequest::Method method, const Object& params,
     Result<Object> document = decodeJSONAnswer(answer, JSONReadingOptions::MutableContainers);
     if (document.ok()) {
       completion(document.value(), Object(), std::nullopt);
+      return;
+    }
+    // A failure the server explains with an "error" object is an answer the
+    // model reads itself: it reports the server's message.
+    const Error& error = document.error();
+    const Object body = error.domain() == httpErrorDomain() ? error.userInfo()[kHTTPErrorBodyKey] : Object();
+    if (body["error"].isDictionary() && body["error"]["message"].isString()) {
+      completion(body, Object(), std::nullopt);
     } else {
-      completion(Object(), Object(), document.error());
+      completion(Object(), Object(), error);
     }
   });
   return Object(std::make_shared<AnySubscriptionObject>([handle] { handle->cancel(); }));

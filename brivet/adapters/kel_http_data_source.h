@@ -4,10 +4,12 @@
 // call's as the form-encoded body of a POST (each value as JSON text, see
 // http_json.h), reads the JSON answer as the response dictionary ("value",
 // "error", "paths", "invalidated"; mutable containers, as the legacy model
-// expects) and hands it to the model's completion. Failures - an HTTP status
-// of 400 or more with its error body, an answer that is not JSON, a refused
-// connection, a timeout - reach the completion as errors in
-// `httpErrorDomain()`. Each request answers a subscription object whose cancel
+// expects) and hands it to the model's completion. An HTTP status of 400 or
+// more whose JSON body holds an "error" object with a "message" is handed over
+// as the answer too: the model reads that object and fails the request with
+// the server's message. Other failures - an error status with another body,
+// an answer that is not JSON, a redirect, a refused or dropped connection, a
+// timeout - reach the completion as errors in `httpErrorDomain()`. Each request answers a subscription object whose cancel
 // aborts the transfer (the completion then receives the cancellation error).
 //
 // Create it with `create`, keep the shared pointer (models hold data sources

@@ -6,7 +6,6 @@
 namespace brivet {
 namespace {
 
-using internal::MutexLock;
 using internal::wrapSubscription;
 
 // Raw values 1 to 4 pass through; the default and anything out of range become the legacy default.
@@ -31,7 +30,8 @@ Error missingErrorObject() {
 std::shared_ptr<KelModelMediator> KelModelMediator::create(std::optional<std::vector<std::string>> prefixes,
                                                            std::optional<std::vector<std::string>> optimizedPaths) {
   auto mediator = std::make_shared<KelModelMediator>(Passkey{}, std::move(prefixes), std::move(optimizedPaths));
-  mediator->delegateMediator_->setModel(mediator);
+  // The constructor made the data source a KelModelDelegateMediator.
+  static_cast<internal::KelModelDelegateMediator&>(*mediator->delegateMediator_).setModel(mediator);
   return mediator;
 }
 
@@ -39,11 +39,12 @@ KelModelMediator::KelModelMediator(Passkey, std::optional<std::vector<std::strin
                                    std::optional<std::vector<std::string>> optimizedPaths)
     : prefixes_(std::move(prefixes)),
       optimizedPaths_(std::move(optimizedPaths)),
-      delegateMediator_(std::make_shared<internal::KelModelDelegateMediator>()),
       legacyModel_(BrivetModel::create(prefixes_)) {
-  legacyModel_->setLoggingDelegate(delegateMediator_);
-  legacyModel_->setDataSource(delegateMediator_);
-  legacyModel_->setPerformanceTraceDelegate(delegateMediator_);
+  const auto delegates = std::make_shared<internal::KelModelDelegateMediator>();
+  legacyModel_->setLoggingDelegate(delegates);
+  legacyModel_->setDataSource(delegates);
+  legacyModel_->setPerformanceTraceDelegate(delegates);
+  delegateMediator_ = delegates;
 }
 
 KelModelMediator::~KelModelMediator() = default;

@@ -17,13 +17,9 @@
 
 #include "brivet/facade/kel_model.h"
 #include "brivet/legacy/model.h"
-#include "brivet/platform/internal/mutex.h"
+#include "brivet/platform/mutex.h"
 
 namespace brivet {
-
-namespace internal {
-class KelModelDelegateMediator;
-}  // namespace internal
 
 class KelModelMediator final : public KelModel, public std::enable_shared_from_this<KelModelMediator> {
   struct Passkey {};
@@ -76,10 +72,12 @@ class KelModelMediator final : public KelModel, public std::enable_shared_from_t
  private:
   const std::optional<std::vector<std::string>> prefixes_;
   const std::optional<std::vector<std::string>> optimizedPaths_;
-  const std::shared_ptr<internal::KelModelDelegateMediator> delegateMediator_;
   const std::shared_ptr<BrivetModel> legacyModel_;
+  // The delegate mediator, set once by the constructor; it answers the legacy
+  // model's logging and trace protocols as well.
+  std::shared_ptr<BrivetDataSource> delegateMediator_;
 
-  mutable internal::Mutex mu_;
+  mutable Mutex mu_;
   std::weak_ptr<KelDataSource> dataSource_ BRIVET_GUARDED_BY(mu_);
   std::weak_ptr<KelLoggerDelegate> loggingDelegate_ BRIVET_GUARDED_BY(mu_);
   std::weak_ptr<KelPerformanceTraceDelegate> performanceTraceDelegate_ BRIVET_GUARDED_BY(mu_);

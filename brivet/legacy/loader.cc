@@ -3,6 +3,7 @@
 
 #include "brivet/legacy/constants.h"
 #include "brivet/legacy/internal/graph.h"
+#include "brivet/legacy/internal/walk_budget.h"
 #include "brivet/legacy/model.h"
 #include "brivet/platform/json.h"
 #include "brivet/platform/signpost.h"
@@ -134,7 +135,7 @@ Object BrivetModel::getKeyPaths(const std::optional<std::vector<std::string>>& k
         all.reserve(keyPaths->size());
         for (const std::string& keyPath : *keyPaths) all.push_back(BrivetPath::withKeyPath(keyPath));
         // One budget for the whole request.
-        internal::StepBudget budget(internal::walkBudget(rawPaths(all)));
+        WalkBudget budget(internal::walkBudget(rawPaths(all)));
         for (const auto& path : all) {
           withinBudget = collectMisses(request->missing, path.get(), std::nullopt, budget);
           if (!withinBudget) break;
@@ -182,7 +183,8 @@ Object BrivetModel::getKeyPaths(const std::optional<std::vector<std::string>>& k
     logDebug("getKeyPaths: missedKeyPaths %ld", request->missing.size());
     if (BrivetSignpost::isDataSourceEnabled()) {
       request->dataSourceSignpost =
-          BrivetSignpost::beginDataSourceForMethod("get", internal::joinStrings(request->missing, ", "));
+          BrivetSignpost::beginDataSourceForMethod("get", internal::joinStrings(request->missing, ", "),
+                                                   request->streamSignpost);
     }
     return fetchKeyPaths(
         request->missing, request->uuid,
@@ -204,7 +206,8 @@ Object BrivetModel::getKeyPaths(const std::optional<std::vector<std::string>>& k
   }
   if (request->completion) {
     const std::uint64_t cacheSignpost =
-        BrivetSignpost::isCacheEnabled() ? BrivetSignpost::beginCacheForMethod("get", joined) : 0;
+        BrivetSignpost::isCacheEnabled() ? BrivetSignpost::beginCacheForMethod("get", joined, request->streamSignpost)
+                                         : 0;
     logDebug("getKeyPaths: already have all the data");
     Object cached;
     bool exceeded = false;
@@ -245,7 +248,8 @@ void BrivetModel::handleGetResponse(const std::shared_ptr<GetRequest>& request, 
   }
   const std::uint64_t cacheSignpost =
       BrivetSignpost::isCacheEnabled()
-          ? BrivetSignpost::beginCacheForMethod("get", internal::joinStrings(request->missing, ", "))
+          ? BrivetSignpost::beginCacheForMethod("get", internal::joinStrings(request->missing, ", "),
+                                                request->streamSignpost)
           : 0;
   Object root;
   if (request->option == BrivetModelOptionNoCache) {
@@ -343,7 +347,8 @@ Object BrivetModel::callFunction(const std::shared_ptr<const BrivetFunctionCall>
     request->streamSignpost = BrivetSignpost::beginStreamForMethod("call", false, request->callKeyPath);
   }
   if (BrivetSignpost::isDataSourceEnabled()) {
-    request->dataSourceSignpost = BrivetSignpost::beginDataSourceForMethod("call", request->callKeyPath);
+    request->dataSourceSignpost =
+        BrivetSignpost::beginDataSourceForMethod("call", request->callKeyPath, request->streamSignpost);
   }
   request->taskName = function != nullptr && function->taskName() ? *function->taskName() : request->callKeyPath;
   beginTraceForTaskName(request->taskName, request->uuid);
@@ -444,7 +449,8 @@ void BrivetModel::handleCallResponse(const std::shared_ptr<CallRequest>& request
       return;
     }
   }
-  const std::uint64_t cacheSignpost = BrivetSignpost::beginCacheForMethod("call", request->callKeyPath);
+  const std::uint64_t cacheSignpost =
+      BrivetSignpost::beginCacheForMethod("call", request->callKeyPath, request->streamSignpost);
   const Object invalidated =
       valueFromResults(results, BRIVET_NODE_INVALIDATED_KEY, ObjectKind::Array, /*mutableOnly=*/false, nullptr);
   for (const Object& keys : invalidated.isArray() ? invalidated.asArray()->elements() : std::span<const Object>()) {

@@ -11,6 +11,7 @@
 #include "brivet/legacy/constants.h"
 #include "brivet/legacy/internal/graph.h"
 #include "brivet/legacy/internal/range_fragment.h"
+#include "brivet/legacy/internal/walk_budget.h"
 #include "brivet/legacy/path_reference.h"
 #include "brivet/platform/date.h"
 #include "brivet/platform/identifier.h"
@@ -20,7 +21,6 @@ namespace brivet {
 namespace {
 
 using internal::isLeafNode;
-using internal::MutexLock;
 
 // Ranges up to this size are looked up index by index when collecting misses.
 constexpr std::int64_t kDenseMissLimit = 64;
@@ -59,6 +59,77 @@ void setChild(const Object& node, const Object& key, const Object& value) {
 Object childOf(const Object& node, const Object& key) {
   if (const Dictionary* d = node.asDictionary()) return d->objectForKey(key);
   return node.isCustom() ? node.valueForKey(keyText(key)) : Object();
+}
+
+// The cache writes into its dictionaries (merges, fetched answers, sets, invalidations), so every dictionary it
+// holds must be mutable: an immutable one would silently drop every later write under it. Dictionaries that come
+// in immutable are replaced by mutable copies where they enter; the helpers below do that.
+
+// Whether `value` is a dictionary the cache cannot write into (inline: the merge asks for every value).
+bool isFrozenDictionary(const Object& value) {
+  const Dictionary* d = value.asDictionary();
+  return d != nullptr && !d->isMutable();
+}
+
+// `value` itself when it is not an immutable dictionary, else a mutable (shallow) copy.
+Object writable(const Object& value) { return isFrozenDictionary(value) ? value.mutableCopy() : value; }
+
+// A copy of `value` in which every dictionary is a new mutable one (values of other kinds are shared). Nesting
+// past the merge's bound is kept as it is.
+Object deepWritableCopy(const Object& value, std::size_t depth = 0) {
+  const Dictionary* d = value.asDictionary();
+  if (d == nullptr || depth > internal::kMaxMergeDepth) return value;
+  std::vector<Object::Entry> entries;
+  entries.reserve(d->size());
+  for (const auto& [key, child] : *d) entries.emplace_back(key, deepWritableCopy(child, depth + 1));
+  return Object::dictionaryWithDistinctKeys(std::move(entries), true);
+}
+
+// Replaces, inside the mutable `dictionary`, every immutable dictionary below it by a mutable copy (for a node the
+// cache adopts without merging it key by key: a leaf).
+void makeNestedWritable(const Object& dictionary, std::size_t depth = 0) {
+  const Dictionary* d = dictionary.asDictionary();
+  if (d == nullptr || !d->isMutable() || depth > internal::kMaxMergeDepth) return;
+  // Most leaves hold values only: nothing to do, nothing to allocate.
+  if (std::none_of(d->begin(), d->end(), [](const Dictionary::Entry& e) { return e.second.isDictionary(); })) return;
+  Dictionary* writableD = dictionary.asMutableDictionary();
+  for (const Object& key : d->allKeys()) {
+    Object child = d->objectForKey(key);
+    if (!child.isDictionary()) continue;
+    if (isFrozenDictionary(child)) {
+      child = child.mutableCopy();
+      writableD->setObject(child, key);
+    }
+    makeNestedWritable(child, depth + 1);
+  }
+}
+
+// What `root.valueForKeyPath(keyPath)` finds, with every immutable dictionary on the way (the result included)
+// replaced in its parent by a mutable copy, so that what the merge then adopts from there is writable and a
+// reference made to it points at the very node the cache will hold. References on the way are followed, a
+// bounded number of times.
+Object writableValueForKeyPath(const Object& root, std::string_view keyPath) {
+  Object node = root;
+  std::size_t hops = 0;
+  std::size_t start = 0;
+  for (;;) {
+    while (const BrivetPathReference* reference = BrivetPathReference::cast(node)) {
+      if (++hops > BrivetPathReference::kMaxReferenceHops) return Object();
+      node = reference->hardReference();
+    }
+    const Dictionary* d = node.asDictionary();
+    if (d == nullptr) return Object();
+    const std::size_t dot = keyPath.find('.', start);
+    const std::string_view component = keyPath.substr(start, dot == std::string_view::npos ? dot : dot - start);
+    Object child = d->objectForKey(component);
+    if (d->isMutable() && isFrozenDictionary(child)) {
+      child = child.mutableCopy();
+      node.asMutableDictionary()->setObject(child, component);
+    }
+    if (dot == std::string_view::npos || child.isNil()) return child;
+    node = std::move(child);
+    start = dot + 1;
+  }
 }
 
 std::string indexText(std::int64_t i) {
@@ -179,14 +250,16 @@ Object BrivetModel::safeValueForKeyPath(std::string_view keyPath) {
 
 // --- Writing ---
 
+// A dictionary value is stored as a copy of mutable dictionaries: the cache can write under it, and the caller's
+// own object is neither adopted nor written into.
 void BrivetModel::setValueForKeyPath(const Object& value, std::string_view keyPath) {
-  queue_->asyncBarrier([weak = weak_from_this(), value, keyPath = std::string(keyPath)] {
+  queue_->asyncBarrier([weak = weak_from_this(), value = deepWritableCopy(value), keyPath = std::string(keyPath)] {
     if (auto self = weak.lock()) self->jsongModel_.setValueForKeyPath(value, keyPath);
   });
 }
 
 void BrivetModel::setValueForKey(const Object& value, std::string_view key) {
-  queue_->asyncBarrier([weak = weak_from_this(), value, key = std::string(key)] {
+  queue_->asyncBarrier([weak = weak_from_this(), value = deepWritableCopy(value), key = std::string(key)] {
     if (auto self = weak.lock()) self->jsongModel_.setValueForKey(value, key);
   });
 }
@@ -215,7 +288,7 @@ bool BrivetModel::collectCacheMissesInto(std::vector<std::string>* cacheMisses, 
     return true;
   }
   const BrivetPathProtocol* paths[] = {path};
-  internal::StepBudget budget(internal::walkBudget(paths));
+  WalkBudget budget(internal::walkBudget(paths));
   return collectMisses(*cacheMisses, path,
                        resolvedKeyPath ? std::optional<std::string>(std::string(*resolvedKeyPath)) : std::nullopt,
                        budget);
@@ -228,7 +301,7 @@ std::size_t fragmentCount(std::string_view keyPath) {
 }  // namespace
 
 bool BrivetModel::collectMisses(std::vector<std::string>& misses, const BrivetPath* path,
-                                std::optional<std::string> prefix, internal::StepBudget& budget) {
+                                std::optional<std::string> prefix, WalkBudget& budget) {
   // Looking up "prefix.first" from the root is looking up "first" on the node at "prefix": the node is looked up
   // once, then each plain fragment steps down from it, so a long path costs its length, not its length squared.
   // Plain fragments walk down in a loop; only a range fragment recurses (once per present index).
@@ -270,7 +343,7 @@ bool BrivetModel::collectMisses(std::vector<std::string>& misses, const BrivetPa
 
 bool BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment,
                                      const BrivetPath* next, const std::optional<std::string>& prefix,
-                                     const Object& base, internal::StepBudget& budget) {
+                                     const Object& base, WalkBudget& budget) {
   const auto match = internal::matchRangeFragment(fragment, /*anchored=*/false);
   if (!match) {
     logInfo("Error parsing @range(x,y) path fragment.");
@@ -366,6 +439,7 @@ struct BrivetModel::MergeVisits {
   }
   std::unordered_set<std::pair<const void*, const void*>, PairHash> seen;
   std::vector<Object> held;
+  std::size_t* leftOut = nullptr;  // when given, counts the entries the merge does not store
 };
 
 void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jsonGraphNode, const Object& json,
@@ -374,8 +448,12 @@ void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jso
     logInfo("BrivetModel:buildJSONGraph ERROR: Invalid 'jsonGraphModel' argument.");
     return;
   }
+  // The merge makes the JSON it reads writable as it goes (and stores references into it): it needs a writable
+  // root to start from.
+  const Object root = writable(json);
   MergeVisits visits;
-  mergeNode(jsonGraphModel, jsonGraphNode, json, jsonNode, 0, visits);
+  mergeNode(jsonGraphModel, jsonGraphNode, root, jsonNode.isNil() || jsonNode.isIdentical(json) ? root : jsonNode, 0,
+            visits);
 }
 
 void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, const Object& jsonRoot,
@@ -390,7 +468,13 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
   const bool sameNode = graphNode.isIdentical(jsonNode);
   // A snapshot of the keys: merging may replace values of this node (and, through references, of others).
   for (const Object& key : source->allKeys()) {
-    const Object value = source->objectForKey(key);
+    Object value = source->objectForKey(key);
+    if (isFrozenDictionary(value)) {
+      // Whatever the cache adopts from here must be writable; the copy takes the original's place in the JSON
+      // too, so that references resolved in the JSON later find the node the cache holds.
+      value = value.mutableCopy();
+      if (source->isMutable()) jsonNode.asMutableDictionary()->setObject(value, key);
+    }
     if (const Array* array = value.asArray()) {
       if (!array->empty() && (*array)[0].isString()) {
         mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth, visits);
@@ -400,6 +484,7 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
       }
     } else if (value.isDictionary()) {
       if (isLeafNode(value) && !sameNode) {
+        makeNestedWritable(value);
         setChild(graphNode, key, convertLeafToAbsoluteExpiration(value));
       } else if (sameNode) {
         mergeNode(graphRoot, value, jsonRoot, value, depth + 1, visits);
@@ -408,8 +493,9 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
         if (existing.isNil()) {
           setChild(graphNode, key, value);
           mergeNode(graphRoot, value, jsonRoot, value, depth + 1, visits);
-        } else if (!existing.isDictionary()) {
-          const Object fresh = Object::mutableDictionary();
+        } else if (!existing.isDictionary() || isFrozenDictionary(existing)) {
+          // Not a dictionary (or, had one slipped in, an immutable one): a writable node takes its place.
+          const Object fresh = existing.isDictionary() ? existing.mutableCopy() : Object::mutableDictionary();
           setChild(graphNode, key, fresh);
           mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1, visits);
         } else {
@@ -418,6 +504,8 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
       }
     } else if (value.isString() || value.isNumber()) {
       setChild(graphNode, key, keyEquals(key, BRIVET_NODE_EXPIRES_KEY) ? convertToAbsoluteExpiration(value) : value);
+    } else if (visits.leftOut != nullptr && !sameNode && !value.isCustom()) {
+      ++*visits.leftOut;  // (a node adopted as a whole keeps such values as they are)
     }
     // Anything else (null, a reference already built, dates, data) is not part of a response graph: ignored.
   }
@@ -428,11 +516,15 @@ void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNod
                                  MergeVisits& visits) {
   const std::string keyPath = internal::joinDescriptions(path, BRIVET_KEY_PATH_SEPARATOR);
   const Object graphTarget = graphRoot.valueForKeyPath(keyPath);
-  const Object jsonTarget = jsonRoot.valueForKeyPath(keyPath);
+  const Object jsonTarget = writableValueForKeyPath(jsonRoot, keyPath);
   if (jsonTarget.isNil()) {
     // The response does not hold the target: point the response at what the cache has (the cache keeps its
     // own value under the key).
-    if (!graphTarget.isNil()) setChild(jsonNode, key, graphTarget);
+    if (!graphTarget.isNil()) {
+      setChild(jsonNode, key, graphTarget);
+    } else if (visits.leftOut != nullptr && !graphNode.isIdentical(jsonNode)) {
+      ++*visits.leftOut;  // a reference to nothing is not stored (a node adopted as a whole keeps it as a list)
+    }
     return;
   }
   const Object reference = BrivetPathReference::make(path.copy(), jsonTarget, graphRoot);
@@ -515,7 +607,8 @@ std::optional<std::string> BrivetModel::serializeCacheWithKeyPaths(
   return std::move(text).value();
 }
 
-bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error) {
+bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error,
+                                   BrivetRestoreReport* report) {
   if (!data) return false;
   Result<Object> parsed = parseJSON(*data, JSONReadingOptions::MutableContainers);
   if (!parsed.ok()) {
@@ -523,8 +616,40 @@ bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::op
     return false;
   }
   if (!parsed->isMutableDictionary()) return false;
-  mergeJSONDictionaryIntoModel(internal::removeCacheEnvelope(*parsed));
+  const Object graph = internal::removeCacheEnvelope(*parsed);
+  if (report == nullptr) {
+    mergeJSONDictionaryIntoModel(graph);
+    return true;
+  }
+  *report = BrivetRestoreReport();
+  queue_->syncBarrier([&] {
+    MergeVisits visits;
+    visits.leftOut = &report->leftOut;
+    mergeNode(jsongModel_, Object(), graph, Object(), 0, visits);
+    // The snapshot's nodes are the cache's now: its leaves are the ones restored.
+    if (isCacheExpirationEnabled()) report->expiredLeaves = countExpiredLeaves(graph, 0);
+  });
   return true;
+}
+
+std::size_t BrivetModel::countExpiredLeaves(const Object& node, std::size_t depth) {
+  const Dictionary* d = node.asDictionary();
+  if (d == nullptr || depth > internal::kMaxMergeDepth) return 0;
+  if (isLeafNode(node)) return isLeafNodeExpired(node) ? 1 : 0;
+  std::size_t count = 0;
+  for (const auto& entry : *d) count += countExpiredLeaves(entry.second, depth + 1);
+  return count;
+}
+
+std::string BrivetRestoreReport::description() const {
+  if (leftOut == 0 && expiredLeaves == 0) return "nothing left out";
+  std::string out;
+  if (leftOut > 0) out = std::to_string(leftOut) + (leftOut == 1 ? " entry" : " entries") + " left out";
+  if (expiredLeaves > 0) {
+    out += (out.empty() ? "" : "; ") + std::to_string(expiredLeaves) +
+           (expiredLeaves == 1 ? " leaf already expired" : " leaves already expired");
+  }
+  return out;
 }
 
 }  // namespace brivet

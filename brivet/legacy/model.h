@@ -34,14 +34,25 @@
 #include "brivet/legacy/path.h"
 #include "brivet/legacy/protocols.h"
 #include "brivet/platform/dispatch_queue.h"
-#include "brivet/platform/internal/step_budget.h"
 #include "brivet/platform/error.h"
 #include "brivet/platform/format.h"
-#include "brivet/platform/internal/mutex.h"
+#include "brivet/platform/mutex.h"
 #include "brivet/platform/object.h"
 #include "brivet/platform/uuid.h"
 
 namespace brivet {
+
+
+// What restoring a snapshot left out, for callers that ask (`deserializeCache`).
+struct BrivetRestoreReport {
+  // Entries not stored: values that are no part of a graph (nulls), and references whose target neither the
+  // snapshot nor the cache holds.
+  std::size_t leftOut = 0;
+  // Leaves restored already expired (only while the data source enables expiry): a get fetches them again.
+  std::size_t expiredLeaves = 0;
+  // "2 entries left out; 1 leaf already expired", or "nothing left out".
+  std::string description() const;
+};
 
 class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   struct Passkey {};
@@ -91,9 +102,12 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   // `keyPaths` is absent or empty.
   std::optional<std::string> serializeCacheWithKeyPaths(const std::optional<std::vector<std::string>>& keyPaths,
                                                         std::optional<Error>* error = nullptr);
-  // Parses a snapshot (or a bare graph) and merges it; false for absent data, text that is not a JSON object
-  // (the parser's error in `error`). The merge completes asynchronously, before any later read.
-  bool deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error = nullptr);
+  // Parses a snapshot (or a bare graph, or a snapshot of any "$_version") and merges it; false for absent data,
+  // text that is not a JSON object (the parser's error in `error`). The merge completes asynchronously, before
+  // any later read; with a `report`, it has completed when the call returns and the report says what it left
+  // out (do not ask for one from inside a block of the model's queue).
+  bool deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error = nullptr,
+                        BrivetRestoreReport* report = nullptr);
 
   // --- Requests ---
   // Gets the key paths under `option`; returns the data source's subscription object, or nil when nothing was
@@ -123,11 +137,6 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   // Whether "@range" occurs in the key path.
   static bool isKeyPathWithRange(std::string_view keyPath);
 
-  // --- Expiry ---
-  bool isLeafNodeExpired(const Object& node);
-  Object convertToAbsoluteExpiration(const Object& value);
-  Object convertLeafToAbsoluteExpiration(const Object& leaf);
-
   // --- Logging (gated; see the header comment) ---
   template <class... Args>
   void logError(std::string_view format, const Args&... args) {
@@ -156,21 +165,30 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   struct GetRequest;
   struct CallRequest;
 
+  // Expiry (only when the data source enables it): whether a leaf has expired,
+  // and relative "$expires" values made absolute at merge time.
+  bool isLeafNodeExpired(const Object& node);
+  Object convertToAbsoluteExpiration(const Object& value);
+  Object convertLeafToAbsoluteExpiration(const Object& leaf);
+
   std::shared_ptr<BrivetLoggerDelegate> enabledLogger();
   std::shared_ptr<BrivetLoggerDelegate> enabledNetworkLogger();
   bool isCacheExpirationEnabled();
 
   Object safeValueForKeyPath(std::string_view keyPath);
   // Both answer false once `budget` is spent. `base` is the node `prefix` names.
+  struct WalkBudget;  // the steps one miss collection may still take (internal/walk_budget.h)
   bool collectMisses(std::vector<std::string>& misses, const BrivetPath* path, std::optional<std::string> prefix,
-                     internal::StepBudget& budget);
+                     WalkBudget& budget);
   bool collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment, const BrivetPath* next,
-                          const std::optional<std::string>& prefix, const Object& base, internal::StepBudget& budget);
-  struct MergeVisits;  // the node pairs one merge has merged
+                          const std::optional<std::string>& prefix, const Object& base, WalkBudget& budget);
+  // The node pairs one merge has merged, and (when a restore asks) the count of entries it does not store.
+  struct MergeVisits;
   void mergeNode(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot, const Object& jsonNode,
                  std::size_t depth, MergeVisits& visits);
   void mergeReference(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot, const Object& jsonNode,
                       const Object& key, const Object& path, std::size_t depth, MergeVisits& visits);
+  std::size_t countExpiredLeaves(const Object& node, std::size_t depth);
 
   // Loader.
   Object fetchKeyPaths(const std::optional<std::vector<std::string>>& keyPaths, const UUID& uuid,
@@ -188,7 +206,7 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   const Object jsongModel_;
   const std::shared_ptr<DispatchQueue> queue_;
 
-  mutable internal::Mutex delegatesMu_;
+  mutable Mutex delegatesMu_;
   std::weak_ptr<BrivetDataSource> dataSource_ BRIVET_GUARDED_BY(delegatesMu_);
   std::weak_ptr<BrivetLoggerDelegate> loggingDelegate_ BRIVET_GUARDED_BY(delegatesMu_);
   std::weak_ptr<BrivetPerformanceTraceDelegate> performanceTraceDelegate_ BRIVET_GUARDED_BY(delegatesMu_);

@@ -1,12 +1,12 @@
 #include "brivet/legacy/path.h"
 
-#include <charconv>
-#include <cstdlib>
 #include <limits>
+#include <optional>
 
 #include "brivet/legacy/constants.h"
 #include "brivet/legacy/internal/range_fragment.h"
 #include "brivet/platform/format.h"
+#include "brivet/platform/internal/json_scalars.h"
 #include "brivet/platform/json.h"
 
 namespace brivet {
@@ -38,12 +38,19 @@ std::int64_t saturatingEnd(std::int64_t from, std::int64_t length) {
   return end == INT64_MIN ? INT64_MIN : end - 1;
 }
 
-// A number formatter's reading of a run of decimal digits.
-Object decimalNumber(std::string_view digits) {
-  std::int64_t value = 0;
-  const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-  if (ec == std::errc() && end == digits.data() + digits.size()) return Object::integer(value);
-  return Object::real(std::strtod(std::string(digits).c_str(), nullptr));
+// A number formatter's reading of a run of decimal digits: the integer when it
+// fits 64 bits, else the correctly rounded double; nothing when it lies beyond
+// the double range (no JSON text could carry it).
+std::optional<Object> decimalNumber(std::string_view digits) {
+  while (digits.size() > 1 && digits.front() == '0') digits.remove_prefix(1);
+  const internal::JSONNumberRead read = internal::readJSONNumber(digits.data(), digits.data() + digits.size());
+  if (read.fault() != internal::JSONNumberFault::None || read.length() != digits.size()) return std::nullopt;
+  switch (read.kind()) {
+    case internal::JSONNumberRead::Kind::Signed: return Object::integer(read.signedValue());
+    case internal::JSONNumberRead::Kind::Unsigned: return Object::unsignedInteger(read.unsignedValue());
+    case internal::JSONNumberRead::Kind::Double: return Object::real(read.doubleValue());
+  }
+  return std::nullopt;
 }
 
 Object replaceNulls(const Object& object, std::size_t depth);
@@ -274,10 +281,13 @@ std::string convertKeyPathToPQL(std::string_view keyPath) {
     const std::size_t dot = keyPath.find('.', start);
     const std::string_view fragment =
         keyPath.substr(start, dot == std::string_view::npos ? std::string_view::npos : dot - start);
-    if (const auto match = internal::matchRangeFragment(fragment, /*anchored=*/true)) {
-      elements.push_back(Object::dictionary({{Object(BRIVET_PQL_PATH_RANGE_FROM_KEY), decimalNumber(match->from)},
-                                             {Object(BRIVET_PQL_PATH_RANGE_TO_KEY), decimalNumber(match->to)}}));
-    } else {
+    const auto match = internal::matchRangeFragment(fragment, /*anchored=*/true);
+    const std::optional<Object> from = match ? decimalNumber(match->from) : std::nullopt;
+    const std::optional<Object> to = match ? decimalNumber(match->to) : std::nullopt;
+    if (from && to) {
+      elements.push_back(Object::dictionary(
+          {{Object(BRIVET_PQL_PATH_RANGE_FROM_KEY), *from}, {Object(BRIVET_PQL_PATH_RANGE_TO_KEY), *to}}));
+    } else {  // not a range, or bounds beyond any number: the fragment stays text
       elements.emplace_back(fragment);
     }
     if (dot == std::string_view::npos) break;

@@ -60,7 +60,7 @@ class BrivetPathReference final : public CustomObject {
   const Object path_;
   const std::string keyPath_;
   const WeakObject root_;
-  mutable std::atomic<std::weak_ptr<internal::ObjectBase>> target_;
+  mutable std::atomic<std::weak_ptr<ObjectBase>> target_;
 };
 
 }  // namespace brivet

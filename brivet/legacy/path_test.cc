@@ -109,6 +109,12 @@ TEST(ConvertKeyPathToPQLTest, RangesAnchoredAtTheFragmentStartBecomeObjects) {
   EXPECT_EQ(convertKeyPathToPQL("a.b"), R"(["a","b"])");
   EXPECT_EQ(convertKeyPathToPQL("items.@range(0,2).name"), R"(["items",{"from":0,"to":2},"name"])");
   EXPECT_EQ(convertKeyPathToPQL("a.x@range(1,2)"), R"j(["a","x@range(1,2)"])j");
+  // Bounds past 64 bits are the nearest double; past the double range the fragment stays text.
+  const Result<Object> beyond64 = parseJSON(convertKeyPathToPQL("@range(0018446744073709551616,1)"));
+  ASSERT_TRUE(beyond64.ok());
+  EXPECT_EQ(beyond64.value()[0]["from"].asNumber()->doubleValue(), 18446744073709551616.0);
+  const std::string huge = "@range(1" + std::string(400, '0') + ",2)";
+  EXPECT_EQ(convertKeyPathToPQL("a." + huge), R"(["a",")" + huge + R"("])");
   EXPECT_EQ(convertKeyPathToPQL("@RANGE(3,4)tail"), R"([{"from":3,"to":4}])");
 }
 

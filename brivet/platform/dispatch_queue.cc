@@ -9,9 +9,6 @@
 namespace brivet {
 namespace {
 
-using internal::CondVar;
-using internal::Mutex;
-using internal::MutexLock;
 
 // The queues the calling thread is running blocks of (innermost last).
 thread_local std::vector<const DispatchQueue*> tCurrentQueues;

@@ -54,7 +54,7 @@
 #include <string_view>
 #include <type_traits>
 
-#include "brivet/platform/internal/mutex.h"
+#include "brivet/platform/mutex.h"
 
 namespace brivet {
 
@@ -136,12 +136,12 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   const std::string label_;
   const Kind kind_;
 
-  internal::Mutex mu_;
+  Mutex mu_;
   std::deque<Item> pending_ BRIVET_GUARDED_BY(mu_);
   std::size_t active_ BRIVET_GUARDED_BY(mu_) = 0;
   bool exclusiveActive_ BRIVET_GUARDED_BY(mu_) = false;
   std::shared_ptr<DispatchQueue> keepAlive_ BRIVET_GUARDED_BY(mu_);
-  internal::CondVar mainReady_;  // main queue: a block was added
+  CondVar mainReady_;  // main queue: a block was added
 };
 
 }  // namespace brivet

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "brivet/platform/format.h"
+#include "brivet/platform/internal/json_scalars.h"
 #include "brivet/platform/internal/rapidjson.h"
 #include "brivet/platform/internal/utf8.h"
 
@@ -76,7 +77,10 @@ class StringTable {
 // a container's end pops its members into a new array or dictionary.
 class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ObjectBuilder> {
  public:
-  explicit ObjectBuilder(bool mutableContainers) : mutable_(mutableContainers) { values_.reserve(64); }
+  ObjectBuilder(bool mutableContainers, const char* textEnd, bool checkSurrogates)
+      : textEnd_(textEnd), checkSurrogates_(checkSurrogates), mutable_(mutableContainers) {
+    values_.reserve(64);
+  }
 
   bool Null() { return push(Object::null()); }
   bool Bool(bool b) { return push(Object::boolean(b)); }
@@ -89,9 +93,11 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
   }
   bool Double(double d) { return push(Object::real(d)); }
   bool String(const char* s, rapidjson::SizeType length, bool) {
+    if (checkSurrogates_ && internal::hasEncodedSurrogate({s, length})) return refuseSurrogate();
     return push(length <= kShortValue ? strings_.intern(s, length).first : Object::string({s, length}));
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
+    if (checkSurrogates_ && internal::hasEncodedSurrogate({s, length})) return refuseSurrogate();
     auto [key, interned] = strings_.intern(s, length);
     if (!interned) ++unsharedKeys_;
     return push(std::move(key));
@@ -118,7 +124,7 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
         }
       }
     }
-    Object dictionary = internal::makeDictionary(members, mutable_, distinct);
+    Object dictionary = detail::makeDictionary(members, mutable_, distinct);
     values_.resize(first);
     return push(std::move(dictionary));
   }
@@ -126,12 +132,15 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
   bool EndArray(rapidjson::SizeType elementCount) {
     --depth_;
     const std::size_t first = values_.size() - elementCount;
-    Object array = internal::makeArray(std::span<Object>(values_.data() + first, elementCount), mutable_);
+    Object array = detail::makeArray(std::span<Object>(values_.data() + first, elementCount), mutable_);
     values_.resize(first);
     return push(std::move(array));
   }
 
   bool tooDeep() const { return tooDeep_; }
+  // A string decoded to an unpaired surrogate, which is not text.
+  bool unpairedSurrogate() const { return unpairedSurrogate_; }
+  const char* textEnd() const { return textEnd_; }
   Object result() { return values_.empty() ? Object() : std::move(values_.back()); }
 
  private:
@@ -147,15 +156,28 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
     return true;
   }
 
+  bool refuseSurrogate() {
+    unpairedSurrogate_ = true;
+    return false;
+  }
+
   static constexpr std::size_t kShortValue = 12;
+  const char* const textEnd_;
+  const bool checkSurrogates_;  // the text has surrogate escapes: decoded strings are checked
   std::vector<Object> values_;
   StringTable strings_;
   std::size_t unsharedKeys_ = 0;
   std::vector<std::size_t> unsharedKeyMarks_;
   std::size_t depth_ = 0;
   bool tooDeep_ = false;
+  bool unpairedSurrogate_ = false;
   const bool mutable_;
 };
+
+constexpr unsigned kParseFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag;
+// Text with a byte JSON does not allow is read with RapidJSON's scalar string
+// scan, which stops at every control character, so the first fault is found.
+constexpr unsigned kParseCheckedFlags = kParseFlags | rapidjson::kParseValidateEncodingFlag;
 
 // Why an object cannot be written, or nullptr when it can.
 const char* invalidReason(const Object& o, std::size_t depth) {
@@ -253,38 +275,56 @@ bool writeValue(Writer& w, const Object& o, bool sortKeys) {
 }
 
 }  // namespace
+}  // namespace brivet
 
+BRIVET_RAPIDJSON_READ_NUMBERS(brivet::kParseFlags, brivet::ObjectBuilder)
+BRIVET_RAPIDJSON_READ_NUMBERS(brivet::kParseCheckedFlags, brivet::ObjectBuilder)
+
+namespace brivet {
 namespace {
+
+Error invalidText(std::size_t offset, const char* what) {
+  return jsonError(JSONErrorCode::InvalidText, formatString("JSON text is not valid at byte offset %zu: %s", offset, what));
+}
 
 // Parses in place on a private, NUL-terminated copy: strings are decoded into
 // the buffer and copied out once. The reader's vector scans load whole aligned
 // 16-byte blocks, so the buffer carries padding past the text for them.
+// `fault` is the first byte that JSON text may not hold, when there is one:
+// the text is refused, at that byte or at an earlier fault the reader finds.
 template <unsigned kFlags>
-Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options) {
+Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options, const internal::JSONTextFault& fault) {
   constexpr std::size_t kScanPadding = 32;
   std::string buffer;
   buffer.reserve(text.size() + kScanPadding);
   buffer.assign(text.data(), text.size());
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
-  ObjectBuilder builder(options & JSONReadingOptions::MutableContainers);
+  ObjectBuilder builder(options & JSONReadingOptions::MutableContainers, buffer.data() + buffer.size(),
+                        internal::mayHoldSurrogateEscape(text));
   const rapidjson::ParseResult parsed = reader.Parse<kFlags>(stream, builder);
+  if (fault && (!parsed.IsError() || parsed.Offset() >= fault.offset)) {
+    return invalidText(fault.offset, internal::describeJSONTextFault(fault.kind));
+  }
   if (builder.tooDeep()) {
     return jsonError(JSONErrorCode::NestingTooDeep,
                      formatString("JSON text nests deeper than %zu levels at byte offset %zu.", kMaxJSONNestingDepth,
                                   parsed.Offset()));
   }
+  if (builder.unpairedSurrogate()) {
+    return invalidText(internal::findUnpairedSurrogateEscape(text, parsed.Offset()), internal::kUnpairedSurrogateText);
+  }
   if (parsed.IsError()) {
-    return jsonError(JSONErrorCode::InvalidText,
-                     formatString("JSON text is not valid at byte offset %zu: %s", parsed.Offset(),
-                                  rapidjson::GetParseError_En(parsed.Code())));
+    // A tab or line break inside a string reaches the reader as a bad escape.
+    const std::size_t at = parsed.Offset();
+    if (at < text.size() && static_cast<unsigned char>(text[at]) < 0x20) {
+      return invalidText(at, internal::describeJSONTextFault(internal::JSONTextFaultKind::ControlCharacter));
+    }
+    return invalidText(at, rapidjson::GetParseError_En(parsed.Code()));
   }
   // The reader stops at a NUL byte; anything after it is trailing data.
   const std::size_t consumed = stream.Tell();
-  if (consumed != text.size()) {
-    return jsonError(JSONErrorCode::InvalidText,
-                     formatString("JSON text is not valid at byte offset %zu: unexpected NUL byte.", consumed));
-  }
+  if (consumed != text.size()) return invalidText(consumed, "unexpected NUL byte.");
   Object result = builder.result();
   if (!(options & JSONReadingOptions::FragmentsAllowed) && !result.isArray() && !result.isDictionary()) {
     return jsonError(JSONErrorCode::FragmentNotAllowed,
@@ -293,17 +333,15 @@ Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options)
   return result;
 }
 
-constexpr unsigned kParseFlags =
-    rapidjson::kParseInsituFlag | rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
-
 }  // namespace
 
 Result<Object> parseJSON(std::string_view text, JSONReadingOptions options) {
-  // The whole text is checked for UTF-8 at once, which is far cheaper than the
-  // reader's per-character check; text that fails is parsed again with the
-  // reader's check so the error names the first fault and its offset.
-  if (isValidUTF8(text)) return parseWithFlags<kParseFlags>(text, options);
-  return parseWithFlags<kParseFlags | rapidjson::kParseValidateEncodingFlag>(text, options);
+  // The whole text is checked for UTF-8 and stray control characters at once,
+  // which is far cheaper than the reader's per-character checks (and its
+  // vector string scan lets the characters 0x1A to 0x1F through).
+  const internal::JSONTextFault fault = internal::findJSONTextFault(text);
+  if (!fault) return parseWithFlags<kParseFlags>(text, options, fault);
+  return parseWithFlags<kParseCheckedFlags>(text, options, fault);
 }
 
 bool isValidJSONObject(const Object& object, JSONWritingOptions options) {
@@ -314,15 +352,15 @@ Result<std::string> writeJSON(const Object& object, JSONWritingOptions options) 
   if (const char* why = invalidTopLevel(object, options)) {
     return jsonError(JSONErrorCode::InvalidObject, std::string("Invalid object for JSON writing: ") + why + ".");
   }
-  rapidjson::StringBuffer out;
+  internal::JSONTextBuffer out;
   const bool sortKeys = options & JSONWritingOptions::SortedKeys;
   bool written;
   if (options & JSONWritingOptions::PrettyPrinted) {
-    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(out);
+    internal::JSONTextPrettyWriter writer(out);
     writer.SetIndent(' ', 2);
     written = writeValue(writer, object, sortKeys);
   } else {
-    rapidjson::Writer<rapidjson::StringBuffer> writer(out);
+    internal::JSONTextWriter writer(out);
     written = writeValue(writer, object, sortKeys);
   }
   if (!written) return jsonError(JSONErrorCode::InvalidObject, "Invalid object for JSON writing.");

@@ -3,20 +3,24 @@
 // `parseJSON` reads UTF-8 JSON text straight into an object tree (no
 // intermediate document): objects become dictionaries (insertion order kept,
 // a repeated key keeps its last value), arrays arrays, strings strings, `true` /
-// `false` boolean numbers, integers signed 64-bit numbers (unsigned when they
-// only fit unsigned), every other number a double (parsed to full precision, so
-// writing it back gives the same double), `null` the null singleton. Options:
-// `MutableContainers` makes every dictionary and array mutable;
-// `FragmentsAllowed` accepts a top-level value that is not an array or object.
-// Any malformed input - truncated text, invalid UTF-8, a bad escape or a lone
-// surrogate, trailing data, nesting deeper than `kMaxJSONNestingDepth` - gives
-// an `Error` in `kJSONErrorDomain` whose message says what was wrong and at
-// which byte offset. Parsing never recurses, so no input can exhaust the stack.
+// `false` boolean numbers, `null` the null singleton. A number without fraction
+// or exponent that fits 64 bits stays an exact integer (signed, or unsigned
+// when it only fits unsigned); every other number becomes the correctly rounded
+// double (so writing it back gives the same double), a number too small for a
+// double a zero. Options: `MutableContainers` makes every dictionary and array
+// mutable; `FragmentsAllowed` accepts a top-level value that is not an array or
+// object. Any malformed input gives an `Error` in `kJSONErrorDomain` whose
+// message says what was wrong and at which byte offset: truncated text, invalid
+// UTF-8, a raw control character (U+0000 to U+001F) inside a string or a stray
+// one outside, a bad escape or an unpaired surrogate (high or low), a number
+// beyond the double range, trailing data, nesting deeper than
+// `kMaxJSONNestingDepth`. Parsing never recurses, so no input can exhaust the
+// stack; whatever it accepts, `writeJSON` can write and reads back equal.
 //
 // `writeJSON` writes an object tree as compact or pretty-printed (two-space
 // indent) UTF-8 text; `SortedKeys` orders dictionary keys by byte value,
 // otherwise they are written in the dictionary's order. Slashes are not
-// escaped. Only trees that pass `isValidJSONObject` can be written: the top
+// escaped; control characters always are. Only trees that pass `isValidJSONObject` can be written: the top
 // level is an array or a dictionary (any valid value with `FragmentsAllowed`),
 // every node is a dictionary with string keys, an array, a string, a finite
 // number or null, and the nesting is at most `kMaxJSONNestingDepth` deep.

@@ -9,29 +9,29 @@
 namespace brivet {
 namespace {
 
-class NullObject final : public internal::ObjectBase {
+class NullObject final : public ObjectBase {
  public:
   NullObject() : ObjectBase(ObjectKind::Null) {}
 };
 
 // The singletons live for the whole process (never destroyed, so they stay
 // valid in blocks that still run while the process exits).
-const std::shared_ptr<internal::ObjectBase>& nullSingleton() {
-  static const auto* instance = new std::shared_ptr<internal::ObjectBase>(std::make_shared<NullObject>());
+const std::shared_ptr<ObjectBase>& nullSingleton() {
+  static const auto* instance = new std::shared_ptr<ObjectBase>(std::make_shared<NullObject>());
   return *instance;
 }
-const std::shared_ptr<internal::ObjectBase>& booleanSingleton(bool value) {
-  static const auto* yes = new std::shared_ptr<internal::ObjectBase>(std::make_shared<Number>(true));
-  static const auto* no = new std::shared_ptr<internal::ObjectBase>(std::make_shared<Number>(false));
+const std::shared_ptr<ObjectBase>& booleanSingleton(bool value) {
+  static const auto* yes = new std::shared_ptr<ObjectBase>(std::make_shared<Number>(true));
+  static const auto* no = new std::shared_ptr<ObjectBase>(std::make_shared<Number>(false));
   return value ? *yes : *no;
 }
 
 template <class T>
-const T& as(const std::shared_ptr<internal::ObjectBase>& impl) {
+const T& as(const std::shared_ptr<ObjectBase>& impl) {
   return static_cast<const T&>(*impl);
 }
 template <class T>
-T& asMutable(const std::shared_ptr<internal::ObjectBase>& impl) {
+T& asMutable(const std::shared_ptr<ObjectBase>& impl) {
   return static_cast<T&>(*impl);
 }
 
@@ -101,16 +101,6 @@ void appendQuoted(std::string& out, std::string_view s) {
   out += '"';
 }
 
-void describe(const Object& o, std::string& out);
-
-void describeContainerElement(const Object& o, std::string& out) {
-  if (o.isString() && !isPlainText(o.stringValue())) {
-    appendQuoted(out, o.stringValue());
-  } else {
-    describe(o, out);
-  }
-}
-
 std::string describeData(const std::vector<std::uint8_t>& bytes) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string out = "{length = " + std::to_string(bytes.size()) + ", bytes = 0x";
@@ -124,7 +114,8 @@ std::string describeData(const std::vector<std::uint8_t>& bytes) {
   return out;
 }
 
-void describe(const Object& o, std::string& out) {
+// Everything but arrays and dictionaries.
+void describeLeaf(const Object& o, std::string& out) {
   if (o.isNil()) {
     out += "(nil)";
     return;
@@ -133,36 +124,125 @@ void describe(const Object& o, std::string& out) {
     case ObjectKind::Null: out += "<null>"; break;
     case ObjectKind::Number: out += o.asNumber()->description(); break;
     case ObjectKind::String: out += o.stringValue(); break;
-    case ObjectKind::Array: {
-      out += '(';
-      bool first = true;
-      for (const Object& e : *o.asArray()) {
-        if (!first) out += ", ";
-        first = false;
-        describeContainerElement(e, out);
-      }
-      out += ')';
-      break;
-    }
-    case ObjectKind::Dictionary: {
-      out += '{';
-      bool first = true;
-      for (const auto& [k, v] : *o.asDictionary()) {
-        out += first ? "" : " ";
-        first = false;
-        describeContainerElement(k, out);
-        out += " = ";
-        describeContainerElement(v, out);
-        out += ';';
-      }
-      out += '}';
-      break;
-    }
     case ObjectKind::Date: out += dateDescription(o.asDate()->value()); break;
     case ObjectKind::Data: out += describeData(o.asData()->bytes()); break;
     case ObjectKind::Custom: out += o.asCustom()->description(); break;
+    case ObjectKind::Array:
+    case ObjectKind::Dictionary: break;
   }
 }
+
+// Describes a tree with an explicit stack of the containers being written, so
+// that the depth of the tree costs heap, not call stack.
+void describe(const Object& root, std::string& out) {
+  struct Frame {
+    const Object* container;
+    std::size_t next = 0;              // arrays: the next element
+    Dictionary::const_iterator entry;  // dictionaries: the current entry
+    int phase = 0;                     // dictionaries: 0 before a key, 1 before its value, 2 after it
+  };
+  std::vector<Frame> stack;
+  // Writes a leaf, or opens a container (its members follow from the stack).
+  auto open = [&](const Object& o) {
+    if (o.isArray()) {
+      out += '(';
+      stack.push_back(Frame{&o, 0, Dictionary::const_iterator(), 0});
+    } else if (const Dictionary* d = o.asDictionary()) {
+      out += '{';
+      stack.push_back(Frame{&o, 0, d->begin(), 0});
+    } else {
+      describeLeaf(o, out);
+    }
+  };
+  // Members of a container quote the strings that would not read back plainly.
+  auto member = [&](const Object& o) {
+    if (o.isString() && !isPlainText(o.stringValue())) {
+      appendQuoted(out, o.stringValue());
+    } else {
+      open(o);
+    }
+  };
+  open(root);
+  while (!stack.empty()) {
+    Frame& f = stack.back();
+    if (const Array* a = f.container->asArray()) {
+      if (f.next == a->size()) {
+        out += ')';
+        stack.pop_back();
+        continue;
+      }
+      if (f.next > 0) out += ", ";
+      member((*a)[f.next++]);  // may push: `f` is not used after this
+      continue;
+    }
+    const Dictionary& d = *f.container->asDictionary();
+    switch (f.phase) {
+      case 0:
+        if (f.entry == d.end()) {
+          out += '}';
+          stack.pop_back();
+          break;
+        }
+        if (f.entry != d.begin()) out += ' ';
+        f.phase = 1;
+        member(f.entry->first);
+        break;
+      case 1:
+        out += " = ";
+        f.phase = 2;
+        member(f.entry->second);
+        break;
+      default:
+        out += ';';
+        ++f.entry;
+        f.phase = 0;
+        break;
+    }
+  }
+}
+
+// Releasing the last reference to a container releases its members, and each
+// of them its own members: a deep tree would recurse once per level. Nested
+// releases run on the call stack for up to kInlineReleaseDepth levels; below
+// that, the members that can hold others are parked on the outermost release's
+// list, which it empties in a loop before it returns. No tree, however deep,
+// takes more than that many levels of stack, and shallow trees (nearly all)
+// pay one counter per container.
+class NestedRelease {
+ public:
+  NestedRelease() : outermost_(tDepth == 0) {
+    if (outermost_) tParked = &parked_;
+    ++tDepth;
+  }
+  NestedRelease(const NestedRelease&) = delete;
+  NestedRelease& operator=(const NestedRelease&) = delete;
+  ~NestedRelease() {
+    if (outermost_) {
+      while (!parked_.empty()) {
+        Object next = std::move(parked_.back());
+        parked_.pop_back();
+        next = Object();  // may park more members
+      }
+      tParked = nullptr;
+    }
+    --tDepth;
+  }
+
+  bool deep() const { return tDepth > kInlineReleaseDepth; }
+  // Moves a member that may hold others onto the list (leaving nil behind).
+  void park(Object& member) {
+    if (member.isArray() || member.isDictionary() || member.isCustom()) tParked->push_back(std::move(member));
+  }
+
+ private:
+  static constexpr std::size_t kInlineReleaseDepth = 64;
+  static thread_local std::size_t tDepth;
+  static thread_local std::vector<Object>* tParked;
+  const bool outermost_;
+  std::vector<Object> parked_;
+};
+thread_local std::size_t NestedRelease::tDepth = 0;
+thread_local std::vector<Object>* NestedRelease::tParked = nullptr;
 
 constexpr std::size_t kLinearLimit = 8;
 constexpr std::uint32_t kEmptySlot = 0;
@@ -175,7 +255,7 @@ bool keyEqualsText(const Object& key, std::string_view text) {
 
 }  // namespace
 
-namespace internal {
+namespace detail {
 
 namespace {
 thread_local void* tTrailingStorage = nullptr;
@@ -240,7 +320,7 @@ Object makeDictionaryFrom(std::vector<Dictionary::Entry>& entries, bool isMutabl
   return makeDictionary(flat, isMutable, distinctKeys);
 }
 
-}  // namespace internal
+}  // namespace detail
 
 // --- Object construction ---
 
@@ -249,7 +329,7 @@ Object::Object(std::string_view text) : Object(string(text)) {}
 Object::Object(std::string text) : Object(string(text)) {}
 
 Object Object::string(std::string_view text) {
-  return fromImpl(internal::makeWithTrailing<String>(text.size(), internal::TrailingTag{}, text));
+  return fromImpl(detail::makeWithTrailing<String>(text.size(), detail::TrailingTag{}, text));
 }
 Object::Object(std::shared_ptr<CustomObject> custom) : impl_(std::move(custom)) {}
 
@@ -262,7 +342,7 @@ Object Object::integer(std::int64_t value) {
   constexpr std::int64_t kHigh = 2047;
   if (value < kLow || value > kHigh) return fromImpl(std::make_shared<Number>(value));
   static const auto* cache = [] {
-    auto* numbers = new std::vector<std::shared_ptr<internal::ObjectBase>>();
+    auto* numbers = new std::vector<std::shared_ptr<ObjectBase>>();
     numbers->reserve(kHigh - kLow + 1);
     for (std::int64_t i = kLow; i <= kHigh; ++i) numbers->push_back(std::make_shared<Number>(i));
     return numbers;
@@ -271,21 +351,21 @@ Object Object::integer(std::int64_t value) {
 }
 Object Object::unsignedInteger(std::uint64_t value) { return fromImpl(std::make_shared<Number>(value)); }
 Object Object::real(double value) { return fromImpl(std::make_shared<Number>(value)); }
-Object Object::array(std::vector<Object> elements) { return internal::makeArray(elements, false); }
+Object Object::array(std::vector<Object> elements) { return detail::makeArray(elements, false); }
 Object Object::array(std::initializer_list<Object> elements) { return array(std::vector<Object>(elements)); }
-Object Object::mutableArray(std::vector<Object> elements) { return internal::makeArray(elements, true); }
-Object Object::dictionary(std::vector<Entry> entries) { return internal::makeDictionaryFrom(entries, false, false); }
+Object Object::mutableArray(std::vector<Object> elements) { return detail::makeArray(elements, true); }
+Object Object::dictionary(std::vector<Entry> entries) { return detail::makeDictionaryFrom(entries, false, false); }
 Object Object::dictionary(std::initializer_list<Entry> entries) {
   return dictionary(std::vector<Entry>(entries));
 }
 Object Object::mutableDictionary(std::vector<Entry> entries) {
-  return internal::makeDictionaryFrom(entries, true, false);
+  return detail::makeDictionaryFrom(entries, true, false);
 }
 Object Object::mutableDictionary(std::initializer_list<Entry> entries) {
   return mutableDictionary(std::vector<Entry>(entries));
 }
 Object Object::dictionaryWithDistinctKeys(std::vector<Entry> entries, bool isMutable) {
-  return internal::makeDictionaryFrom(entries, isMutable, true);
+  return detail::makeDictionaryFrom(entries, isMutable, true);
 }
 Object Object::date(Date value) { return fromImpl(std::make_shared<DateObject>(value)); }
 Object Object::data(std::vector<std::uint8_t> bytes) { return fromImpl(std::make_shared<Data>(std::move(bytes))); }
@@ -327,37 +407,80 @@ Object Object::operator[](std::size_t index) const {
 
 // --- Equality, hashing, description ---
 
-bool Object::isEqual(const Object& other) const {
-  if (impl_ == other.impl_) return true;
-  if (impl_ == nullptr || other.impl_ == nullptr) return false;
-  if (impl_->kind() != other.impl_->kind()) return false;
-  switch (impl_->kind()) {
-    case ObjectKind::Null: return true;
-    case ObjectKind::Number: return as<Number>(impl_).isEqual(as<Number>(other.impl_));
-    case ObjectKind::String: return as<String>(impl_).text() == as<String>(other.impl_).text();
-    case ObjectKind::Array: {
-      const auto& a = as<Array>(impl_).elements();
-      const auto& b = as<Array>(other.impl_).elements();
-      if (a.size() != b.size()) return false;
-      for (std::size_t i = 0; i < a.size(); ++i) {
-        if (!a[i].isEqual(b[i])) return false;
-      }
-      return true;
-    }
-    case ObjectKind::Dictionary: {
-      const auto& a = as<Dictionary>(impl_);
-      const auto& b = as<Dictionary>(other.impl_);
-      if (a.size() != b.size()) return false;
-      for (const auto& [k, v] : a) {
-        if (!v.isEqual(b.objectForKey(k))) return false;
-      }
-      return true;
-    }
-    case ObjectKind::Date: return as<DateObject>(impl_).value() == as<DateObject>(other.impl_).value();
-    case ObjectKind::Data: return as<Data>(impl_).bytes() == as<Data>(other.impl_).bytes();
-    case ObjectKind::Custom: return as<CustomObject>(impl_).isEqual(as<CustomObject>(other.impl_));
+namespace {
+
+enum class Comparison { Different, Same, Descend };
+
+// Compares two objects without looking into their members: containers of the
+// same kind and size answer Descend.
+Comparison compareShallow(const Object& a, const Object& b) {
+  if (a.isIdentical(b)) return Comparison::Same;
+  if (a.isNil() || b.isNil() || a.kind() != b.kind()) return Comparison::Different;
+  auto same = [](bool equal) { return equal ? Comparison::Same : Comparison::Different; };
+  switch (a.kind()) {
+    case ObjectKind::Null: return Comparison::Same;
+    case ObjectKind::Number: return same(a.asNumber()->isEqual(*b.asNumber()));
+    case ObjectKind::String: return same(a.stringValue() == b.stringValue());
+    case ObjectKind::Array:
+    case ObjectKind::Dictionary: return a.count() == b.count() ? Comparison::Descend : Comparison::Different;
+    case ObjectKind::Date: return same(a.asDate()->value() == b.asDate()->value());
+    case ObjectKind::Data: return same(a.asData()->bytes() == b.asData()->bytes());
+    case ObjectKind::Custom: return same(a.asCustom()->isEqual(*b.asCustom()));
   }
-  return false;
+  return Comparison::Different;
+}
+
+}  // namespace
+
+// Containers are compared with an explicit stack of the pairs being walked, so
+// the depth of the trees costs heap, not call stack.
+bool Object::isEqual(const Object& other) const {
+  const Comparison top = compareShallow(*this, other);
+  if (top != Comparison::Descend) return top == Comparison::Same;
+  struct Frame {
+    const Object* a;
+    const Object* b;
+    Dictionary::const_iterator entry;  // dictionaries: the next entry of `a`
+    std::size_t next = 0;              // arrays: the next element
+  };
+  auto frameOf = [](const Object& a, const Object& b) {
+    const Dictionary* d = a.asDictionary();
+    return Frame{&a, &b, d != nullptr ? d->begin() : Dictionary::const_iterator(), 0};
+  };
+  std::vector<Frame> stack;
+  stack.push_back(frameOf(*this, other));
+  while (!stack.empty()) {
+    Frame& f = stack.back();
+    const Object* x = nullptr;
+    const Object* y = nullptr;
+    if (const Array* a = f.a->asArray()) {
+      if (f.next == a->size()) {
+        stack.pop_back();
+        continue;
+      }
+      x = &(*a)[f.next];
+      y = &(*f.b->asArray())[f.next];
+      ++f.next;
+    } else {
+      if (f.entry == f.a->asDictionary()->end()) {
+        stack.pop_back();
+        continue;
+      }
+      const Dictionary& b = as<Dictionary>(f.b->impl_);
+      const Object& key = f.entry->first;
+      const std::size_t found = b.find(key, b.index_.empty() ? 0 : key.hash());
+      if (found == SIZE_MAX) return false;
+      x = &f.entry->second;
+      y = &b.entries_[found].second;
+      ++f.entry;
+    }
+    switch (compareShallow(*x, *y)) {
+      case Comparison::Different: return false;
+      case Comparison::Same: break;
+      case Comparison::Descend: stack.push_back(frameOf(*x, *y)); break;
+    }
+  }
+  return true;
 }
 
 std::size_t Object::hash() const {
@@ -387,7 +510,7 @@ std::string Object::description() const {
 namespace {
 Object copyArray(const Array& a, bool isMutable) {
   std::vector<Object> elements(a.begin(), a.end());
-  return internal::makeArray(elements, isMutable);
+  return detail::makeArray(elements, isMutable);
 }
 Object copyDictionary(const Dictionary& d, bool isMutable) {
   std::vector<Object> flat;
@@ -396,7 +519,7 @@ Object copyDictionary(const Dictionary& d, bool isMutable) {
     flat.push_back(k);
     flat.push_back(v);
   }
-  return internal::makeDictionary(flat, isMutable, true);
+  return detail::makeDictionary(flat, isMutable, true);
 }
 }  // namespace
 
@@ -420,14 +543,21 @@ Object Object::valueForKey(std::string_view key) const {
   return Object();
 }
 
+// One step per key-path component in a loop: a key path of any length costs
+// no call stack (custom objects on the way take over the rest of the path).
 Object Object::valueForKeyPath(std::string_view keyPath) const {
-  if (CustomObject* c = asCustom()) return c->valueForKeyPath(keyPath);
-  const Dictionary* d = asDictionary();
-  if (d == nullptr) return Object();
-  const std::size_t dot = keyPath.find('.');
-  if (dot == std::string_view::npos) return d->objectForKey(keyPath);
-  const Object child = d->objectForKey(keyPath.substr(0, dot));
-  return child.isNil() ? Object() : child.valueForKeyPath(keyPath.substr(dot + 1));
+  Object current = *this;
+  for (;;) {
+    if (CustomObject* c = current.asCustom()) return c->valueForKeyPath(keyPath);
+    const Dictionary* d = current.asDictionary();
+    if (d == nullptr) return Object();
+    const std::size_t dot = keyPath.find('.');
+    if (dot == std::string_view::npos) return d->objectForKey(keyPath);
+    Object child = d->objectForKey(keyPath.substr(0, dot));
+    if (child.isNil()) return Object();
+    current = std::move(child);
+    keyPath.remove_prefix(dot + 1);
+  }
 }
 
 void Object::setValueForKey(const Object& value, std::string_view key) const {
@@ -439,18 +569,23 @@ void Object::setValueForKey(const Object& value, std::string_view key) const {
 }
 
 void Object::setValueForKeyPath(const Object& value, std::string_view keyPath) const {
-  if (CustomObject* c = asCustom()) {
-    c->setValueForKeyPath(value, keyPath);
-    return;
+  Object current = *this;
+  for (;;) {
+    if (CustomObject* c = current.asCustom()) {
+      c->setValueForKeyPath(value, keyPath);
+      return;
+    }
+    const Dictionary* d = current.asDictionary();
+    if (d == nullptr) return;
+    const std::size_t dot = keyPath.find('.');
+    if (dot == std::string_view::npos) {
+      current.setValueForKey(value, keyPath);
+      return;
+    }
+    Object child = d->objectForKey(keyPath.substr(0, dot));
+    current = std::move(child);
+    keyPath.remove_prefix(dot + 1);
   }
-  const Dictionary* d = asDictionary();
-  if (d == nullptr) return;
-  const std::size_t dot = keyPath.find('.');
-  if (dot == std::string_view::npos) {
-    setValueForKey(value, keyPath);
-    return;
-  }
-  d->objectForKey(keyPath.substr(0, dot)).setValueForKeyPath(value, keyPath.substr(dot + 1));
 }
 
 // --- Number ---
@@ -543,8 +678,8 @@ std::string Number::description() const {
 
 // --- String ---
 
-String::String(internal::TrailingTag, std::string_view text) : ObjectBase(ObjectKind::String), size_(text.size()) {
-  char* storage = static_cast<char*>(internal::takeTrailingStorage());
+String::String(detail::TrailingTag, std::string_view text) : ObjectBase(ObjectKind::String), size_(text.size()) {
+  char* storage = static_cast<char*>(detail::takeTrailingStorage());
   heap_ = storage == nullptr && !text.empty();
   if (heap_) storage = static_cast<char*>(::operator new(text.size()));
   if (!text.empty()) __builtin_memcpy(storage, text.data(), text.size());
@@ -603,10 +738,18 @@ std::size_t String::hashText(std::string_view text) {
 
 // --- Array ---
 
-Array::Array(internal::TrailingTag, std::size_t capacity, bool isMutable)
+Array::Array(detail::TrailingTag, std::size_t capacity, bool isMutable)
     : ObjectBase(ObjectKind::Array),
-      elements_(static_cast<Object*>(internal::takeTrailingStorage()), capacity),
+      elements_(static_cast<Object*>(detail::takeTrailingStorage()), capacity),
       mutable_(isMutable) {}
+
+Array::~Array() {
+  NestedRelease release;
+  if (release.deep()) {
+    for (std::size_t i = 0; i < elements_.size(); ++i) release.park(elements_[i]);
+  }
+  elements_.clear();
+}
 
 void Array::add(Object value) {
   BRIVET_PRECONDITION(mutable_, "mutation of an immutable array");
@@ -641,10 +784,21 @@ void Array::removeAll() {
 
 // --- Dictionary ---
 
-Dictionary::Dictionary(internal::TrailingTag, std::size_t capacity, bool isMutable)
+Dictionary::Dictionary(detail::TrailingTag, std::size_t capacity, bool isMutable)
     : ObjectBase(ObjectKind::Dictionary),
-      entries_(static_cast<Entry*>(internal::takeTrailingStorage()), capacity),
+      entries_(static_cast<Entry*>(detail::takeTrailingStorage()), capacity),
       mutable_(isMutable) {}
+
+Dictionary::~Dictionary() {
+  NestedRelease release;
+  if (release.deep()) {
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+      release.park(entries_[i].first);
+      release.park(entries_[i].second);
+    }
+  }
+  entries_.clear();
+}
 
 void Dictionary::adopt(bool distinctKeys) {
   const std::size_t n = entries_.size();

@@ -32,6 +32,11 @@
 // precondition failure. Objects are not internally synchronised: share a
 // mutable container across threads only under the caller's own lock or queue.
 //
+// Trees of any depth are safe to destroy, compare (`isEqual`), hash and
+// describe: none of these recurses once per level, so a tree nested a hundred
+// thousand levels deep (which an app can build) costs no more stack than a
+// flat one. Writing JSON refuses trees deeper than its nesting limit instead.
+//
 // Key-value lookup: `valueForKey` / `valueForKeyPath` read dictionaries by
 // string keys ("a.b.c" walks one level per component, nil as soon as a step has
 // no value) and forward to a `CustomObject` met on the way, which may override
@@ -66,8 +71,8 @@ class DateObject;
 class Data;
 class CustomObject;
 
-namespace internal {
-// Common header of every object. Objects are owned through std::shared_ptr.
+// The common header of every object: its kind. Objects are owned through
+// std::shared_ptr; `Object::impl()` hands out that pointer for low-level use.
 class ObjectBase {
  public:
   explicit ObjectBase(ObjectKind kind) : kind_(kind) {}
@@ -81,7 +86,6 @@ class ObjectBase {
  private:
   const ObjectKind kind_;
 };
-}  // namespace internal
 
 class Object {
  public:
@@ -188,16 +192,16 @@ class Object {
   void setValueForKeyPath(const Object& value, std::string_view keyPath) const;
 
   // --- Low level ---
-  const std::shared_ptr<internal::ObjectBase>& impl() const { return impl_; }
-  std::weak_ptr<internal::ObjectBase> weak() const { return impl_; }
-  static Object fromImpl(std::shared_ptr<internal::ObjectBase> impl) {
+  const std::shared_ptr<ObjectBase>& impl() const { return impl_; }
+  std::weak_ptr<ObjectBase> weak() const { return impl_; }
+  static Object fromImpl(std::shared_ptr<ObjectBase> impl) {
     Object o;
     o.impl_ = std::move(impl);
     return o;
   }
 
  private:
-  std::shared_ptr<internal::ObjectBase> impl_;
+  std::shared_ptr<ObjectBase> impl_;
 };
 
 // A weak reference to an object: `lock()` answers nil once the object is gone.
@@ -208,7 +212,7 @@ class WeakObject {
   Object lock() const { return Object::fromImpl(impl_.lock()); }
 
  private:
-  std::weak_ptr<internal::ObjectBase> impl_;
+  std::weak_ptr<ObjectBase> impl_;
 };
 
 // std::hash / std::equal_to adaptors, so Objects can key standard containers.
@@ -221,7 +225,7 @@ struct ObjectEqual {
 
 // --- The concrete kinds (read through Object::asX) ---
 
-class Number final : public internal::ObjectBase {
+class Number final : public ObjectBase {
  public:
   enum class Type : std::uint8_t { Boolean, Signed, Unsigned, Double };
   explicit Number(bool v) : ObjectBase(ObjectKind::Number), type_(Type::Boolean) { u_.i = v ? 1 : 0; }
@@ -251,7 +255,8 @@ class Number final : public internal::ObjectBase {
   } u_{};
 };
 
-namespace internal {
+// What the layout of strings, arrays and dictionaries needs; not API.
+namespace detail {
 
 // Strings, arrays and dictionaries keep their contents in the same allocation
 // as the object (one allocation per node instead of two). The allocator that
@@ -330,11 +335,11 @@ class TrailingVector {
 Object makeArray(std::span<Object> elements, bool isMutable);
 Object makeDictionary(std::span<Object> keysAndValues, bool isMutable, bool distinctKeys);
 
-}  // namespace internal
+}  // namespace detail
 
-class String final : public internal::ObjectBase {
+class String final : public ObjectBase {
  public:
-  String(internal::TrailingTag, std::string_view text);
+  String(detail::TrailingTag, std::string_view text);
   ~String();
   std::string_view text() const { return {data_, size_}; }
   static std::size_t hashText(std::string_view text);
@@ -345,9 +350,10 @@ class String final : public internal::ObjectBase {
   bool heap_;
 };
 
-class Array final : public internal::ObjectBase {
+class Array final : public ObjectBase {
  public:
-  Array(internal::TrailingTag, std::size_t capacity, bool isMutable);
+  Array(detail::TrailingTag, std::size_t capacity, bool isMutable);
+  ~Array();
   bool isMutable() const { return mutable_; }
   std::size_t size() const { return elements_.size(); }
   bool empty() const { return elements_.empty(); }
@@ -365,18 +371,19 @@ class Array final : public internal::ObjectBase {
   void removeAll();
 
  private:
-  friend Object internal::makeArray(std::span<Object>, bool);
+  friend Object detail::makeArray(std::span<Object>, bool);
   friend class Object;
-  internal::TrailingVector<Object> elements_;
+  detail::TrailingVector<Object> elements_;
   const bool mutable_;
 };
 
 // Insertion-ordered hash map. Small dictionaries are scanned linearly; larger
 // ones keep an open-addressing index over the entries.
-class Dictionary final : public internal::ObjectBase {
+class Dictionary final : public ObjectBase {
  public:
   using Entry = std::pair<Object, Object>;
-  Dictionary(internal::TrailingTag, std::size_t capacity, bool isMutable);
+  Dictionary(detail::TrailingTag, std::size_t capacity, bool isMutable);
+  ~Dictionary();
   bool isMutable() const { return mutable_; }
   std::size_t size() const { return live_; }
   bool empty() const { return live_ == 0; }
@@ -438,7 +445,7 @@ class Dictionary final : public internal::ObjectBase {
 
  private:
   friend class Object;
-  friend Object internal::makeDictionary(std::span<Object>, bool, bool);
+  friend Object detail::makeDictionary(std::span<Object>, bool, bool);
   // Adds the entries moved in so far as live, checking for repeated keys
   // unless they are known to be distinct.
   void adopt(bool distinctKeys);
@@ -448,14 +455,14 @@ class Dictionary final : public internal::ObjectBase {
   void indexInsert(std::size_t entry, std::size_t hash);
   void compact();
 
-  internal::TrailingVector<Entry> entries_;  // removed entries have a nil key
+  detail::TrailingVector<Entry> entries_;  // removed entries have a nil key
   std::vector<std::uint32_t> index_;         // 0 empty, kTombstone removed, else entry + 1
   std::uint32_t live_ = 0;
   std::uint32_t tombstones_ = 0;  // removed entries still in entries_
   const bool mutable_;
 };
 
-class DateObject final : public internal::ObjectBase {
+class DateObject final : public ObjectBase {
  public:
   explicit DateObject(Date value) : ObjectBase(ObjectKind::Date), value_(value) {}
   Date value() const { return value_; }
@@ -464,7 +471,7 @@ class DateObject final : public internal::ObjectBase {
   Date value_;
 };
 
-class Data final : public internal::ObjectBase {
+class Data final : public ObjectBase {
  public:
   explicit Data(std::vector<std::uint8_t> bytes) : ObjectBase(ObjectKind::Data), bytes_(std::move(bytes)) {}
   const std::vector<std::uint8_t>& bytes() const { return bytes_; }
@@ -481,7 +488,7 @@ class Data final : public internal::ObjectBase {
 // `valueForKey` ends in `valueForUndefinedKey`, which answers nil; setting
 // through a key path forwards to the object at the first component. Subclasses
 // override whichever they forward.
-class CustomObject : public internal::ObjectBase, public std::enable_shared_from_this<CustomObject> {
+class CustomObject : public ObjectBase, public std::enable_shared_from_this<CustomObject> {
  public:
   CustomObject() : ObjectBase(ObjectKind::Custom) {}
   virtual ~CustomObject() = default;

@@ -7,6 +7,7 @@
 #include <unordered_set>
 
 #include "brivet/platform/error.h"
+#include "brivet/platform/json.h"
 #include "brivet/platform/uuid.h"
 
 namespace brivet {
@@ -166,6 +167,93 @@ TEST(ObjectKeyValueTest, ImmutableDictionariesIgnoreWrites) {
   const Object weakTarget = Object::dictionary();
   WeakObject weak = weakTarget;
   EXPECT_TRUE(weak.lock().isIdentical(weakTarget));
+}
+
+// Trees an app can build, far deeper than any call stack holds one level per frame.
+class DeepTreeTest : public ::testing::Test {
+ protected:
+  static constexpr int kDepth = 100000;
+
+  // {"a": {"a": ... {"leaf": leaf} ...}} alternating with one-element arrays every
+  // third level, and a custom object every thousandth.
+  static Object deepTree(const Object& leaf) {
+    Object node = Object::dictionary({{"leaf", leaf}});
+    for (int i = 0; i < kDepth; ++i) {
+      if (i % 1000 == 999) {
+        node = Object(std::make_shared<Forwarder>(node));
+      } else if (i % 3 == 2) {
+        node = Object::array({node});
+      } else {
+        node = Object::mutableDictionary({{"a", node}, {"n", i}});
+      }
+    }
+    return node;
+  }
+};
+
+TEST_F(DeepTreeTest, DestroyingADeepTreeUsesBoundedStack) {
+  Object tree = deepTree(1);
+  WeakObject bottom = tree;
+  tree = Object();
+  EXPECT_TRUE(bottom.lock().isNil());
+  // A wide tree below the depth where members start to be parked.
+  Object wide = Object::array();
+  for (int i = 0; i < 200; ++i) {
+    std::vector<Object> level(3, wide);
+    wide = Object::array(std::move(level));
+  }
+  wide = Object();
+}
+
+TEST_F(DeepTreeTest, DeepTreesCompareAndHashWithoutRecursion) {
+  Object plain = Object::dictionary({{"leaf", 1}});
+  Object plainCopy = Object::dictionary({{"leaf", 1.0}});
+  Object different = Object::dictionary({{"leaf", 2}});
+  for (int i = 0; i < kDepth; ++i) {
+    if (i % 2) {
+      plain = Object::array({"x", plain});
+      plainCopy = Object::array({"x", plainCopy});
+      different = Object::array({"x", different});
+    } else {
+      plain = Object::dictionary({{"a", plain}});
+      plainCopy = Object::dictionary({{"a", plainCopy}});
+      different = Object::dictionary({{"a", different}});
+    }
+  }
+  EXPECT_TRUE(plain.isEqual(plainCopy));
+  EXPECT_EQ(plain.hash(), plainCopy.hash());
+  EXPECT_FALSE(plain.isEqual(different));
+  EXPECT_FALSE(Object::dictionary({{"a", plain}}).isEqual(Object::dictionary({{"b", plainCopy}})));
+}
+
+TEST_F(DeepTreeTest, DeepTreesAreDescribedAndLookedUpWithoutRecursion) {
+  Object nested = Object::array({"x y"});
+  for (int i = 0; i < kDepth; ++i) nested = Object::dictionary({{"k", nested}});
+  const std::string description = nested.description();
+  EXPECT_EQ(description.size(), static_cast<std::size_t>(kDepth) * std::string("{k = ;}").size() + 7);
+  EXPECT_EQ(description.substr(static_cast<std::size_t>(kDepth) * 5 - 10, 21), "{k = {k = (\"x y\");};}");
+
+  std::string keyPath = "k";
+  for (int i = 1; i < kDepth; ++i) keyPath += ".k";
+  EXPECT_EQ(nested.valueForKeyPath(keyPath).description(), "(\"x y\")");
+  EXPECT_TRUE(nested.valueForKeyPath(keyPath + ".k.k").isNil());
+  Object mutableNested = Object::mutableDictionary();
+  for (int i = 0; i < kDepth; ++i) mutableNested = Object::mutableDictionary({{"k", mutableNested}});
+  mutableNested.setValueForKeyPath("set", keyPath + ".leaf");
+  EXPECT_EQ(mutableNested.valueForKeyPath(keyPath + ".leaf").stringValue(), "set");
+}
+
+TEST_F(DeepTreeTest, WritingADeepTreeIsAnError) {
+  const Object tree = deepTree(Object::null());
+  EXPECT_FALSE(isValidJSONObject(tree));
+  const Result<std::string> text = writeJSON(tree);
+  ASSERT_FALSE(text.ok());
+  EXPECT_EQ(text.error().code(), static_cast<std::int64_t>(JSONErrorCode::InvalidObject));
+  // The custom objects inside make it unwritable anyway; a plain deep tree is refused for its depth.
+  Object plain = Object::array();
+  for (int i = 0; i < kDepth; ++i) plain = Object::array({plain});
+  EXPECT_NE(writeJSON(plain).error().localizedDescription().find("nesting deeper"), std::string::npos);
+  EXPECT_FALSE(deepTree(1).description().empty());
 }
 
 TEST(ErrorTest, CarriesDomainCodeAndDescription) {

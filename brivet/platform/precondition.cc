@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace brivet::internal {
+namespace brivet {
 
 void preconditionFailure(const char* condition, const char* message, const char* file, int line) {
   if (condition != nullptr) {
@@ -15,4 +15,4 @@ void preconditionFailure(const char* condition, const char* message, const char*
   std::abort();
 }
 
-}  // namespace brivet::internal
+}  // namespace brivet

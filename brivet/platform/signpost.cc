@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <functional>
 #include <thread>
+#include <unordered_map>
 
 #include "brivet/platform/format.h"
 #include "brivet/platform/identifier.h"
@@ -34,10 +35,12 @@ const char* phaseName(SignpostPhase phase) {
   switch (phase) {
     case SignpostPhase::Begin: return "b";
     case SignpostPhase::End: return "e";
-    case SignpostPhase::Event: return "i";
+    case SignpostPhase::Event: return "n";
   }
-  return "i";
+  return "n";
 }
+
+std::string hexID(std::uint64_t id) { return formatString("0x%llx", static_cast<unsigned long long>(id)); }
 
 void emitTo(SignpostPhase phase, std::string_view category, std::uint64_t id, std::string_view name,
             std::string_view message) {
@@ -87,10 +90,22 @@ const std::shared_ptr<SignpostRecorder>& SignpostRecorder::shared() {
   return *recorder;
 }
 
-void SignpostRecorder::emit(SignpostPhase phase, std::string_view /*subsystem*/, std::string_view category,
+void SignpostRecorder::emit(SignpostPhase phase, std::string_view subsystem, std::string_view category,
                             std::string_view name, std::uint64_t id, std::string_view message) {
+  if (phase == SignpostPhase::Begin) {
+    emitBegin(subsystem, category, name, id, 0, message);
+    return;
+  }
   Record record{phase,   std::string(category), std::string(name), id, std::string(message),
                 std::chrono::steady_clock::now(), currentThreadID()};
+  MutexLock lock(state_->mu);
+  state_->records.push_back(std::move(record));
+}
+
+void SignpostRecorder::emitBegin(std::string_view /*subsystem*/, std::string_view category, std::string_view name,
+                                 std::uint64_t id, std::uint64_t parent, std::string_view message) {
+  Record record{SignpostPhase::Begin, std::string(category), std::string(name), id, std::string(message),
+                std::chrono::steady_clock::now(), currentThreadID(), parent};
   MutexLock lock(state_->mu);
   state_->records.push_back(std::move(record));
 }
@@ -113,22 +128,34 @@ std::string SignpostRecorder::chromeTraceJSON() const {
                                        {"ph", "M"},
                                        {"pid", 1},
                                        {"args", Object::dictionary({{"name", std::string(kReverseDomain)}})}}));
+  // The tree each interval belongs to: follow parents up to an interval with
+  // none (or one that was not recorded). A chain never runs longer than the
+  // number of intervals, so a cycle cannot hang the walk.
+  std::unordered_map<std::uint64_t, std::uint64_t> parents;
+  for (const Record& r : all) {
+    if (r.phase == SignpostPhase::Begin) parents.emplace(r.id, r.parent);
+  }
+  auto rootOf = [&](std::uint64_t id) {
+    for (std::size_t steps = 0; steps <= parents.size(); ++steps) {
+      const auto found = parents.find(id);
+      if (found == parents.end() || found->second == 0) return id;
+      id = found->second;
+    }
+    return id;
+  };
   for (const Record& r : all) {
     const auto micros =
         std::chrono::duration<double, std::micro>(r.time - state_->origin).count();
-    std::vector<Object::Entry> e{{"name", r.name},
-                                 {"cat", r.category},
-                                 {"ph", phaseName(r.phase)},
-                                 {"ts", micros},
-                                 {"pid", 1},
-                                 {"tid", r.thread},
-                                 {"args", Object::dictionary({{"message", r.message}})}};
-    if (r.phase == SignpostPhase::Event) {
-      e.emplace_back("s", "t");
-    } else {
-      e.emplace_back("id", formatString("0x%llx", r.id));
-    }
-    events.push_back(Object::dictionary(std::move(e)));
+    std::vector<Object::Entry> args{{"message", r.message}, {"category", r.category}, {"span", hexID(r.id)}};
+    if (r.phase == SignpostPhase::Begin && r.parent != 0) args.emplace_back("parent", hexID(r.parent));
+    events.push_back(Object::dictionary({{"name", r.name},
+                                         {"cat", std::string(kReverseDomain)},
+                                         {"ph", phaseName(r.phase)},
+                                         {"ts", micros},
+                                         {"pid", 1},
+                                         {"tid", r.thread},
+                                         {"id", hexID(rootOf(r.id))},
+                                         {"args", Object::dictionary(std::move(args))}}));
   }
   const Object trace =
       Object::dictionary({{"traceEvents", Object::array(std::move(events))}, {"displayTimeUnit", "ms"}});
@@ -160,8 +187,11 @@ std::uint64_t SignpostLog::generateID() const {
   return id;
 }
 
-void SignpostLog::intervalBegin(std::uint64_t id, std::string_view name, std::string_view message) const {
-  if (enabled_ && id != 0 && id != kInvalidID) emitTo(SignpostPhase::Begin, category_, id, name, message);
+void SignpostLog::intervalBegin(std::uint64_t id, std::string_view name, std::string_view message,
+                                std::uint64_t parent) const {
+  if (enabled_ && id != 0 && id != kInvalidID) {
+    signpostSink()->emitBegin(kReverseDomain, category_, name, id, parent == kInvalidID ? 0 : parent, message);
+  }
 }
 
 void SignpostLog::intervalEnd(std::uint64_t id, std::string_view name, std::string_view message) const {
@@ -182,10 +212,10 @@ bool BrivetSignpost::isCacheEnabled() { return cache().isEnabled(); }
 bool BrivetSignpost::isDataSourceEnabled() { return dataSource().isEnabled(); }
 
 namespace {
-std::uint64_t begin(const SignpostLog& log, const std::function<std::string()>& message) {
+std::uint64_t begin(const SignpostLog& log, const std::function<std::string()>& message, std::uint64_t parent = 0) {
   if (!log.isEnabled()) return 0;
   const std::uint64_t id = log.generateID();
-  if (id != 0 && id != kInvalidID && log.isEnabled()) log.intervalBegin(id, log.category(), message());
+  if (id != 0 && id != kInvalidID && log.isEnabled()) log.intervalBegin(id, log.category(), message(), parent);
   return id;
 }
 void end(const SignpostLog& log, std::uint64_t id, const std::function<std::string()>& message) {
@@ -204,16 +234,18 @@ void BrivetSignpost::endStreamWithId(std::uint64_t id, bool success) {
   end(stream(), id, [&] { return formatString("status=%@", status(success)); });
 }
 
-std::uint64_t BrivetSignpost::beginCacheForMethod(std::string_view method, std::string_view path) {
-  return begin(cache(), [&] { return formatString("method=%@, path=%@", method, path); });
+std::uint64_t BrivetSignpost::beginCacheForMethod(std::string_view method, std::string_view path,
+                                                  std::uint64_t parent) {
+  return begin(cache(), [&] { return formatString("method=%@, path=%@", method, path); }, parent);
 }
 
 void BrivetSignpost::endCacheWithId(std::uint64_t id, std::int64_t miss) {
   end(cache(), id, [&] { return formatString("miss=%d", miss); });
 }
 
-std::uint64_t BrivetSignpost::beginDataSourceForMethod(std::string_view method, std::string_view path) {
-  return begin(dataSource(), [&] { return formatString("method=%@, path=%@", method, path); });
+std::uint64_t BrivetSignpost::beginDataSourceForMethod(std::string_view method, std::string_view path,
+                                                       std::uint64_t parent) {
+  return begin(dataSource(), [&] { return formatString("method=%@, path=%@", method, path); }, parent);
 }
 
 void BrivetSignpost::endDataSourceWithId(std::uint64_t id, bool success) {

@@ -2,8 +2,10 @@
 //
 // A `SignpostLog` is a log object: the library's subsystem, a category
 // ("Stream", "Cache", "DataSource") and whether it is enabled. Identifiers are
-// 64-bit; 0 means "no signpost" and is what every begin answers when the log is
-// disabled, and the all-ones value is never issued. Begins, ends and events go
+// 64-bit and unique in the process; 0 means "no signpost" and is what every
+// begin answers when the log is disabled, and the all-ones value is never
+// issued. An interval may begin inside another one, its parent: the cache and
+// data-source intervals of an operation name its stream interval. Begins, ends and events go
 // to the installed `SignpostSink`: an application may install its own (to
 // forward to its platform's tracing), otherwise the built-in
 // `SignpostRecorder` keeps them in memory and writes them as a Chrome
@@ -39,6 +41,14 @@ class SignpostSink {
   virtual ~SignpostSink() = default;
   virtual void emit(SignpostPhase phase, std::string_view subsystem, std::string_view category,
                     std::string_view name, std::uint64_t id, std::string_view message) = 0;
+  // The begin of an interval inside the interval `parent`. A sink that does
+  // not nest need not override it: by default the parent is dropped and this
+  // is a plain begin.
+  virtual void emitBegin(std::string_view subsystem, std::string_view category, std::string_view name,
+                         std::uint64_t id, std::uint64_t parent, std::string_view message) {
+    (void)parent;
+    emit(SignpostPhase::Begin, subsystem, category, name, id, message);
+  }
 };
 
 // The built-in sink: records signposts in memory.
@@ -52,16 +62,24 @@ class SignpostRecorder final : public SignpostSink {
     std::string message;
     std::chrono::steady_clock::time_point time;
     std::uint64_t thread;
+    std::uint64_t parent = 0;  // begins: the enclosing interval, 0 for none
   };
 
   static const std::shared_ptr<SignpostRecorder>& shared();
 
   void emit(SignpostPhase phase, std::string_view subsystem, std::string_view category, std::string_view name,
             std::uint64_t id, std::string_view message) override;
+  void emitBegin(std::string_view subsystem, std::string_view category, std::string_view name, std::uint64_t id,
+                 std::uint64_t parent, std::string_view message) override;
   std::vector<Record> records() const;
   void clear();
-  // {"traceEvents": [...], "displayTimeUnit": "ms"}: intervals as async
-  // begin/end pairs keyed by category and identifier, events as instants.
+  // {"traceEvents": [...], "displayTimeUnit": "ms"}: intervals as nestable
+  // async begin/end pairs ("b" / "e"), events as nestable async instants
+  // ("n"). Every interval of one tree (an interval, those inside it, and so
+  // on) carries the identifier of the tree's root as "id", so a trace viewer
+  // shows the tree on one track with each interval nested in its parent;
+  // "args" holds the interval's own identifier ("span"), its parent's
+  // ("parent", when it has one), its category and its message.
   std::string chromeTraceJSON() const;
   [[nodiscard]] Result<void> writeChromeTrace(const std::string& path) const;
 
@@ -88,7 +106,9 @@ class SignpostLog {
   // A fresh identifier (never 0 or all ones), or 0 when the log is disabled.
   std::uint64_t generateID() const;
   // Emit only when the log is enabled and `id` is neither 0 nor all ones.
-  void intervalBegin(std::uint64_t id, std::string_view name, std::string_view message) const;
+  // `parent` is the enclosing interval (0: none).
+  void intervalBegin(std::uint64_t id, std::string_view name, std::string_view message,
+                     std::uint64_t parent = 0) const;
   void intervalEnd(std::uint64_t id, std::string_view name, std::string_view message) const;
   void event(std::uint64_t id, std::string_view name, std::string_view message) const;
 
@@ -119,9 +139,12 @@ class BrivetSignpost {
 
   static std::uint64_t beginStreamForMethod(std::string_view method, bool refresh, std::string_view path);
   static void endStreamWithId(std::uint64_t id, bool success);
-  static std::uint64_t beginCacheForMethod(std::string_view method, std::string_view path);
+  // `parent`: the stream interval the cache or data-source interval belongs to (0: none).
+  static std::uint64_t beginCacheForMethod(std::string_view method, std::string_view path,
+                                           std::uint64_t parent = 0);
   static void endCacheWithId(std::uint64_t id, std::int64_t miss);
-  static std::uint64_t beginDataSourceForMethod(std::string_view method, std::string_view path);
+  static std::uint64_t beginDataSourceForMethod(std::string_view method, std::string_view path,
+                                                std::uint64_t parent = 0);
   static void endDataSourceWithId(std::uint64_t id, bool success);
 };
 

@@ -82,13 +82,23 @@ TEST_F(SignpostTest, InstalledSinkReceivesWhatTheRecorderWouldNot) {
   EXPECT_TRUE(SignpostRecorder::shared()->records().empty());
 }
 
-TEST_F(SignpostTest, ChromeTraceFileIsValidJSONWithPairedIntervals) {
+TEST_F(SignpostTest, ChromeTraceFileIsValidJSONWithPairedIntervalsNestedInTheirParents) {
   EnvironmentSwitch on("yes");
   const SignpostLog log("Stream", true);
+  const SignpostLog cache("Cache", true);
   const std::uint64_t id = log.generateID();
   log.intervalBegin(id, "Stream", "method=get");
   log.event(id, "Stream", "progressive=1, completed=0");
   log.intervalEnd(id, "Stream", "status=Complete");
+  const std::uint64_t outer = log.generateID();
+  const std::uint64_t inner = cache.generateID();
+  const std::uint64_t innermost = cache.generateID();
+  log.intervalBegin(outer, "Stream", "method=get");
+  cache.intervalBegin(inner, "Cache", "method=get", outer);
+  cache.intervalBegin(innermost, "Cache", "method=get", inner);
+  cache.intervalEnd(innermost, "Cache", "miss=0");
+  cache.intervalEnd(inner, "Cache", "miss=0");
+  log.intervalEnd(outer, "Stream", "status=Complete");
   const std::string path = ::testing::TempDir() + "/brivet_signposts.trace.json";
   ASSERT_TRUE(SignpostRecorder::shared()->writeChromeTrace(path).ok());
   std::ifstream file(path);
@@ -97,12 +107,20 @@ TEST_F(SignpostTest, ChromeTraceFileIsValidJSONWithPairedIntervals) {
   const Result<Object> trace = parseJSON(text.str());
   ASSERT_TRUE(trace.ok());
   const Object events = trace.value()["traceEvents"];
-  ASSERT_EQ(events.count(), 4u);  // process name + three signposts
+  ASSERT_EQ(events.count(), 10u);  // process name + nine signposts
   EXPECT_EQ(events[1]["ph"].stringValue(), "b");
-  EXPECT_EQ(events[2]["ph"].stringValue(), "i");
+  EXPECT_EQ(events[2]["ph"].stringValue(), "n");
   EXPECT_EQ(events[3]["ph"].stringValue(), "e");
   EXPECT_TRUE(events[1]["id"].isEqual(events[3]["id"]));
+  EXPECT_TRUE(events[1]["id"].isEqual(events[2]["id"]));
   EXPECT_EQ(events[3]["args"]["message"].stringValue(), "status=Complete");
+  EXPECT_TRUE(events[1]["args"]["parent"].isNil());
+  // A tree of intervals shares its root's identifier, each naming its own parent.
+  for (int i = 5; i <= 9; ++i) EXPECT_TRUE(events[i]["id"].isEqual(events[4]["id"])) << i;
+  EXPECT_FALSE(events[4]["id"].isEqual(events[1]["id"]));
+  EXPECT_TRUE(events[5]["args"]["parent"].isEqual(events[4]["args"]["span"]));
+  EXPECT_TRUE(events[6]["args"]["parent"].isEqual(events[5]["args"]["span"]));
+  EXPECT_EQ(events[5]["name"].stringValue(), "Cache");
   EXPECT_FALSE(SignpostRecorder::shared()->writeChromeTrace("/nonexistent/dir/trace.json").ok());
 }
 

@@ -1,27 +1,31 @@
 // The `brivet` command-line tool: the pieces its commands share.
 //
-//   brivet get [--url URL] [--progressive] [--refresh] [--trace FILE] PATH...
-//   brivet snapshot FILE [--url URL] PATH...     fetch, then save the cache to FILE
-//   brivet restore FILE PATH...                  read PATHs from a saved cache, offline
-//   brivet serve [--port N] [FILE]               serve a JSON Graph document (or the sample)
-//   brivet demo [--trace FILE]                   the guided walk-through
+//   brivet get [--url URL] [--progressive] [--refresh] [--timeout MS] [--trace FILE] PATH...
+//   brivet snapshot FILE [--url URL] [--timeout MS] [--trace FILE] PATH...   fetch, then save the cache
+//   brivet restore FILE [--trace FILE] PATH...                 read PATHs from a saved cache, offline
+//   brivet serve [--port N] [--max-request BYTES] [FILE]      serve a JSON Graph document (or the sample)
+//   brivet demo [--trace FILE]                                the guided walk-through
 //
-// Without --url, `get` and `snapshot` start the loopback server with the sample
-// catalogue in the same process. JSON results go to standard output; timings
-// and notes to standard error; a failure is one line on standard error and one
-// of the exit codes below.
+// Without --url, `get` and `snapshot` start the loopback server with the
+// sample catalogue in the same process. Standard output carries JSON only
+// (the values read; `serve` its URLs), every human line goes to standard
+// error; a failure is one line on standard error ("brivet: " and what failed,
+// where, the server's message and the cause) and one of the exit codes below.
+// docs/tool.md is the full reference.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <iosfwd>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "brivet/adapters/tov_http_client.h"
 #include "brivet/core/model/tov_model.h"
-#include "brivet/platform/internal/mutex.h"
+#include "brivet/platform/mutex.h"
 #include "tools/server/json_graph_server.h"
 
 namespace brivet::tools {
@@ -29,17 +33,22 @@ namespace brivet::tools {
 enum ExitCode : int {
   kExitOK = 0,
   kExitFailed = 1,       // the operation failed for another reason
-  kExitUsage = 2,        // bad arguments or a bad path
-  kExitUnreachable = 3,  // the URL could not be reached, or did not answer in time
-  kExitBadAnswer = 4,    // the server answered with an error status or something that is not a JSON Graph answer
+  kExitUsage = 2,        // bad arguments, a bad path or a malformed URL
+  kExitUnreachable = 3,  // the URL could not be reached, the connection was lost, or no answer came in time
+  kExitBadAnswer = 4,    // the server answered with an error status, a redirect loop or something that is not a
+                         // JSON Graph answer
   kExitFile = 5,         // a file could not be read or written
 };
+
+// Redirects a request follows before it fails.
+inline constexpr long kMaxRedirects = 5;
 
 struct ToolOptions {
   std::string command;
   std::vector<std::string> arguments;  // what is left once the options are taken out
   std::optional<std::string> url;
   std::optional<int> port;
+  std::optional<std::size_t> maxRequestBytes;
   std::optional<std::string> tracePath;
   bool progressive = false;
   bool refresh = false;
@@ -54,6 +63,27 @@ struct ToolFailure {
   ExitCode code;
   std::string message;
 };
+
+// Everything known about a failed request, for the one line that reports it.
+struct RequestFailure {
+  std::string command;             // "get", "snapshot", "restore"
+  std::vector<std::string> paths;  // the key paths requested
+  std::string url;                 // where they were requested (empty: read offline)
+  std::optional<StreamError> error;  // what the model reported
+  std::optional<Error> httpFailure;  // the failure of the HTTP request behind it, if any
+  bool timedOut = false;             // the model did not answer within the time limit
+  std::chrono::milliseconds timeout{0};
+};
+// The line (without "brivet: ") and exit code of a failed request: the
+// command, its paths and URL, then the cause and the server's own message.
+// A failure of the core model is shown by its `BrivetError::text()` (which
+// path failed and why), bounded like any text from outside.
+ToolFailure describeFailure(const RequestFailure& failure);
+
+// Text from outside (a server's message, an error's text) fit for one line:
+// control characters become blanks and anything past `limit` bytes is cut at
+// a character boundary and marked with "...".
+std::string oneLine(std::string_view text, std::size_t limit = 300);
 
 // Why a key path cannot be requested (an empty path, a malformed or empty
 // range), or nothing when it can.
@@ -82,25 +112,23 @@ class Session {
   };
   Requests takeRequests();
 
-  // What a failed operation tells the user: the HTTP failure behind it when
-  // there was one, else the model's own error.
-  ToolFailure failureFor(const Error& error, const std::optional<Error>& httpFailure) const;
-
  private:
   Session() = default;
   std::unique_ptr<JSONGraphServer> server_;
   std::string url_;
   std::shared_ptr<TovHTTPClient> client_;
   std::shared_ptr<TovInternalModel> model_;
-  internal::Mutex mu_;
+  Mutex mu_;
   Requests requests_ BRIVET_GUARDED_BY(mu_);
 };
 
-// Subscribes to a stream and runs the main queue until it ends (or `timeout`):
-// every value, and the error if it failed.
+// Subscribes to an operation's stream and runs the main queue until it ends
+// (or `timeout`): every value delivered, and the error if it failed, as the
+// core reports it (a core failure keeps its whole `BrivetError`, whose
+// `text()` the failure line shows).
 struct StreamOutcome {
   std::vector<Object> values;
-  std::optional<Error> error;
+  std::optional<StreamError> error;
   bool ended = false;
 };
 StreamOutcome await(const TovStream<JSONEnvelope>& stream, std::chrono::milliseconds timeout);
@@ -108,6 +136,7 @@ StreamOutcome await(const TovStream<JSONEnvelope>& stream, std::chrono::millisec
 // "12.3 ms" / "850 us".
 std::string formatDuration(std::chrono::microseconds duration);
 
-int runDemo(const ToolOptions& options, std::ostream& out, std::ostream& err);
+// The walk-through; it writes to `err` only (standard output carries JSON only).
+int runDemo(const ToolOptions& options, std::ostream& err);
 
 }  // namespace brivet::tools

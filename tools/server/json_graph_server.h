@@ -2,37 +2,45 @@
 //
 // It is the other end of the library for the `brivet` tool, the demo and the
 // end-to-end tests; nothing else on the network is touched. Every parameter
-// value of a request is JSON text (see brivet/adapters/http_json.h).
+// value of a request is JSON text (see brivet/adapters/http_json.h and
+// docs/wire-protocol.md); GET parameters travel in the query, POST parameters
+// in a form-encoded body. Requests of up to 1 MiB of target and 1 MiB of body
+// are read by default (`HTTPWireLimits`); larger ones are answered 414 / 413
+// with an error body in the dialect of their path.
 //
 // The core model's dialect, at `url()`:
 //   GET  path=<paths in array form>           -> {"jsonGraph": the sub-graph the paths reach, references followed}
-//   POST method="set", param=<JSON Graph>     -> merges it; {"jsonGraph": the written paths read back}
+//   POST method="set", param=<JSON Graph>     -> merges it, each write landing through the references on its
+//                                                way; {"jsonGraph": the written paths read back}
 //   POST method="call", callPath=<path>, param=<arguments>[, pathSuffix=<paths>][, path=<paths>]
 //                                             -> runs the registered function; {"jsonGraph", "paths", "invalidated"}
+//   failures: status 400 (404 for an unknown function) with {"code": ..., "message": ...}
 // The legacy model's dialect, at `legacyURL()`:
 //   GET  path=[<key-path array text>, ...]    -> {"value": the sub-graph in legacy form}
 //   POST method="call", callPath=<key-path array text>, param=[...][, pathSuffix][, path]
 //                                             -> {"value", "paths", "invalidated"}
+//   failures: the same statuses with {"error": {"code": ..., "message": ...}}, the answer's "error" that the
+//   legacy model reads
 // In legacy form references are arrays of keys and wrapped values are
-// {"$type": "leaf", ...} dictionaries. A request the server cannot serve is
-// answered with status 400 (404 for an unknown function) and the error body
-// {"code": ..., "message": ...}.
+// {"$type": "leaf", ...} dictionaries.
 //
 // The document lives in a core `Cache`, so gets read a consistent snapshot
-// while sets and calls write; functions run one at a time. All members are
-// safe to call from any thread.
+// while sets and calls write; functions and sets run one at a time. All
+// members are safe to call from any thread.
 #pragma once
 
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "brivet/core/cache/cache.h"
 #include "brivet/core/values/json_graph.h"
 #include "brivet/platform/object.h"
 #include "brivet/platform/result.h"
+#include "tools/server/http_wire.h"
 
 namespace brivet::tools {
 
@@ -51,16 +59,24 @@ class JSONGraphServer {
   // result or a message for a 400 answer.
   using Function = std::function<Result<CallResult, std::string>(const JSONGraph& document, const Object& arguments)>;
 
-  // A canned answer, for tests that need a failing or slow server.
+  // A canned answer, for tests that need a failing, redirecting, dropping or
+  // slow server.
   struct CannedResponse {
-    int status = 500;
+    CannedResponse(int status = 500, std::string body = std::string(), std::string contentType = "application/json")
+        : status(status), body(std::move(body)), contentType(std::move(contentType)) {}
+    int status;
     std::string body;
-    std::string contentType = "application/json";
+    std::string contentType;
+    std::vector<std::pair<std::string, std::string>> fields;  // more header fields ("Location", ...)
+    bool dropConnection = false;  // close the connection without answering
   };
-  using Interceptor = std::function<std::optional<CannedResponse>(const std::string& method, const std::string& path)>;
+  // Given the method and the request target (path and query, as sent).
+  using Interceptor = std::function<std::optional<CannedResponse>(const std::string& method, const std::string& target)>;
 
-  // Binds 127.0.0.1 on `port` (0: any free port) and starts serving.
-  static Result<std::unique_ptr<JSONGraphServer>, std::string> start(JSONGraph document, int port = 0);
+  // Binds 127.0.0.1 on `port` (0: any free port) and starts serving requests
+  // within `limits`.
+  static Result<std::unique_ptr<JSONGraphServer>, std::string> start(JSONGraph document, int port = 0,
+                                                                     HTTPWireLimits limits = {});
   ~JSONGraphServer();
   JSONGraphServer(const JSONGraphServer&) = delete;
   JSONGraphServer& operator=(const JSONGraphServer&) = delete;
@@ -74,6 +90,11 @@ class JSONGraphServer {
   // `keyPath` names the function as clients call it ("lists.top.push").
   void registerFunction(const std::string& keyPath, Function function);
   void setInterceptor(Interceptor interceptor);
+  // Told every request the server reads (before any interceptor), for tests
+  // that check what a client sent.
+  using RequestObserver =
+      std::function<void(const std::string& method, const std::string& target, const std::string& body)>;
+  void setRequestObserver(RequestObserver observer);
 
   struct State;
 

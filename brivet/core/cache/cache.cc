@@ -1,8 +1,8 @@
 #include "brivet/core/cache/cache.h"
 
 #include <atomic>
-#include <limits>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "brivet/core/cache/internal/graph_walk.h"
@@ -25,7 +25,7 @@ const std::shared_ptr<DispatchQueue>& cacheQueue() {
 }
 
 Result<CacheValues, BrivetError> getValues(const JSONGraph& graph, const PathTree& pathTree, bool checkExpiry) {
-  return internal::readValues(graph.slot(), pathTree, checkExpiry);
+  return internal::readValues(internal::slot(graph), pathTree, checkExpiry);
 }
 
 namespace {
@@ -65,24 +65,53 @@ struct State {
   std::shared_ptr<Memo> memo = std::make_shared<Memo>();
 };
 
+// Versions stay within 0...kMaxCacheVersion, so that every snapshot restores (cache_envelope.h).
 std::uint64_t nextVersion(std::uint64_t version) {
-  if (version == std::numeric_limits<std::uint64_t>::max()) BRIVET_FATAL("cache version stepped past its maximum");
+  if (version >= kMaxCacheVersion) BRIVET_FATAL("cache version stepped past its maximum");
   return version + 1;
 }
 
-// Later dictionaries laid over earlier ones: on a key both hold a dictionary
-// under, the two merge; otherwise the later value is stored.
-Object mergeDictionaries(const Object& earlier, const Object& later) {
-  const Dictionary* a = earlier.asDictionary();
-  const Dictionary* b = later.asDictionary();
-  Object out = earlier.mutableCopy();
-  Dictionary* d = out.asMutableDictionary();
-  for (const auto& [key, value] : *b) {
-    const Object old = a->objectForKey(key);
-    d->setObject(old.isDictionary() && value.isDictionary() ? mergeDictionaries(old, value) : value, key);
+// Lays dictionaries over each other in order: on a key both hold a dictionary
+// under, the two merge; otherwise the later value is stored. The inputs are
+// never written into (memo entries are shared by every later read): a
+// dictionary of an input is copied, shallowly, the first time something must
+// be merged into it, and the copy is written into from then on. Each input
+// dictionary is therefore copied at most once where it lies in the result, and
+// the merge costs what the inputs hold, however many there are.
+class DictionaryMerge {
+ public:
+  explicit DictionaryMerge(const Object& first) : root_(writable(first)) {}
+
+  void add(const Object& later) { mergeInto(*root_.asMutableDictionary(), *later.asDictionary()); }
+  Object result() const { return root_; }
+
+ private:
+  Object writable(const Object& dictionary) {
+    Object copy = dictionary.mutableCopy();
+    written_.insert(copy.impl().get());
+    return copy;
   }
-  return out.copy();
-}
+
+  // Recursion is as deep as the values, which the graph bounds.
+  void mergeInto(Dictionary& into, const Dictionary& later) {
+    for (const auto& [key, value] : later) {
+      const Object old = into.objectForKey(key);
+      if (old.isDictionary() && value.isDictionary()) {
+        Object target = old;
+        if (!written_.contains(old.impl().get())) {
+          target = writable(old);
+          into.setObject(target, key);
+        }
+        mergeInto(*target.asMutableDictionary(), *value.asDictionary());
+      } else {
+        into.setObject(value, key);
+      }
+    }
+  }
+
+  std::unordered_set<const ObjectBase*> written_;
+  Object root_;
+};
 
 std::optional<internal::KeyTextSet> toSet(const std::optional<std::vector<std::string>>& texts) {
   if (!texts) return std::nullopt;
@@ -113,11 +142,11 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     if (prefixes_ && internal::treeTouches(pathTree, *prefixes_)) {
       // The raw sub-graph, handed over as a value in its wire form.
       Result<internal::Extraction, BrivetError> extracted =
-          internal::extract(state->graph.slot(), pathTree.paths(), true);
+          internal::extract(internal::slot(state->graph), pathTree.paths(), true);
       if (!extracted.ok()) return Failure{extracted.error()};
       return CacheValues{JSONValue::fromAny(internal::graphSlotToAny(extracted->graph.get())), PathTree(), PathTree()};
     }
-    return internal::readValues(state->graph.slot(), pathTree, checkExpiry);
+    return internal::readValues(internal::slot(state->graph), pathTree, checkExpiry);
   }
 
   CacheEnvelope getCache(const std::optional<PathTree>& pathTree) const override {
@@ -125,43 +154,30 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     if (!pathTree) return CacheEnvelope{state->graph, state->version};
     const bool includeBranches = prefixes_ && internal::treeTouches(*pathTree, *prefixes_);
     Result<internal::Extraction, BrivetError> extracted =
-        internal::extract(state->graph.slot(), pathTree->paths(), includeBranches);
+        internal::extract(internal::slot(state->graph), pathTree->paths(), includeBranches);
     if (!extracted.ok()) return CacheEnvelope{state->graph, state->version};
-    return CacheEnvelope{JSONGraph::fromSlot(std::move(extracted->graph)), state->version};
+    return CacheEnvelope{internal::graphFromSlot(std::move(extracted->graph)), state->version};
   }
 
-  Object getJSON(const std::vector<Path>& paths) const override {
+  Result<Object, BrivetError> getJSON(const std::vector<Path>& paths) const override {
     const std::shared_ptr<const State> state = current();
-    const Slot root = state->graph.slot();
-    std::vector<Object> found;
-    found.reserve(paths.size());
+    const Slot root = internal::slot(state->graph);
+    std::optional<DictionaryMerge> merged;
+    Object only;  // the one dictionary, as long as there is only one
     for (const Path& path : paths) {
-      if (prefixes_ && !path.empty() && internal::keySetTouches(path[0], *prefixes_)) {
-        Result<internal::Extraction, BrivetError> extracted = internal::extract(root, {path}, true);
-        if (!extracted.ok()) return Object::dictionary();
-        const Object raw = internal::graphSlotToAny(extracted->graph.get());
-        found.push_back(raw.isDictionary() ? raw : Object::dictionary());
-        continue;
+      Result<Object, BrivetError> found = readJSON(*state, root, path);
+      if (!found.ok()) return Failure{found.error()};
+      if (merged) {
+        merged->add(found.value());
+      } else if (only.isNil()) {
+        only = std::move(found).value();
+      } else {
+        merged.emplace(only);
+        merged->add(found.value());
       }
-      if (Object memoised = state->memo->find(path); memoised.isDictionary()) {
-        found.push_back(std::move(memoised));
-        continue;
-      }
-      Result<SlotRef, BrivetError> value = internal::readPathValue(root, path);
-      if (!value.ok()) return Object::dictionary();
-      const Object read = value->get() == internal::kEmpty ? Object() : internal::valueSlotToAny(value->get());
-      Object dictionary = read.isDictionary() ? read : Object::dictionary();
-      if (optimizedPaths_ && !path.empty() && internal::keySetTouches(path[0], *optimizedPaths_)) {
-        cacheQueue()->asyncBarrier([weak = weak_from_this(), memo = state->memo, path, dictionary] {
-          if (weak.lock()) memo->store(path, dictionary);
-        });
-      }
-      found.push_back(std::move(dictionary));
     }
-    if (found.empty()) return Object::dictionary();
-    Object merged = found[0];
-    for (std::size_t i = 1; i < found.size(); ++i) merged = mergeDictionaries(merged, found[i]);
-    return merged;
+    if (merged) return merged->result();
+    return only.isNil() ? Object::dictionary() : only;
   }
 
   void merge(JSONGraph jsonGraph) override {
@@ -171,10 +187,33 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     write([tree = std::move(pathTree)](CacheImpl& cache) { cache.applyInvalidation(tree); });
   }
   void setCache(CacheEnvelope envelope) override {
+    BRIVET_PRECONDITION(envelope.version <= kMaxCacheVersion, "cache version above kMaxCacheVersion");
     write([envelope = std::move(envelope)](CacheImpl& cache) { cache.publish(envelope.jsonGraph, envelope.version); });
   }
 
  private:
+  // One path's platform dictionary: the raw sub-graph for a prefix, else the
+  // memo's entry or the value read (memoised for an optimized path).
+  Result<Object, BrivetError> readJSON(const State& state, Slot root, const Path& path) const {
+    if (prefixes_ && !path.empty() && internal::keySetTouches(path[0], *prefixes_)) {
+      Result<internal::Extraction, BrivetError> extracted = internal::extract(root, {path}, true);
+      if (!extracted.ok()) return Failure{extracted.error()};
+      const Object raw = internal::graphSlotToAny(extracted->graph.get());
+      return raw.isDictionary() ? raw : Object::dictionary();
+    }
+    if (Object memoised = state.memo->find(path); memoised.isDictionary()) return memoised;
+    Result<SlotRef, BrivetError> value = internal::readPathValue(root, path);
+    if (!value.ok()) return Failure{value.error()};
+    const Object read = value->get() == internal::kEmpty ? Object() : internal::valueSlotToAny(value->get());
+    Object dictionary = read.isDictionary() ? read : Object::dictionary();
+    if (optimizedPaths_ && !path.empty() && internal::keySetTouches(path[0], *optimizedPaths_)) {
+      cacheQueue()->asyncBarrier([weak = weak_from_this(), memo = state.memo, path, dictionary] {
+        if (weak.lock()) memo->store(path, dictionary);
+      });
+    }
+    return dictionary;
+  }
+
   // The published state. The lock is held only to copy the pointer: a reader
   // never waits for a write, only for another reader's or writer's copy.
   std::shared_ptr<const State> current() const {
@@ -205,25 +244,25 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
   // merge and the invalidation answer the old node wherever nothing changed).
   void replaceIfChanged(SlotRef replacement) {
     const std::shared_ptr<const State> state = current();
-    if (replacement.get() == state->graph.slot()) return;
-    publish(JSONGraph::fromSlot(std::move(replacement)), nextVersion(state->version));
+    if (replacement.get() == internal::slot(state->graph)) return;
+    publish(internal::graphFromSlot(std::move(replacement)), nextVersion(state->version));
   }
 
   void applyMerge(const JSONGraph& incoming) {
     // The root stays an object branch: a response that is not one has nothing to merge into it.
     if (!incoming.isObject()) return;
     const std::shared_ptr<const State> state = current();
-    replaceIfChanged(SlotRef(internal::mergeGraph(incoming.slot(), state->graph.slot())));
+    replaceIfChanged(SlotRef(internal::mergeGraph(internal::slot(incoming), internal::slot(state->graph))));
   }
 
   void applyInvalidation(const PathTree& tree) {
     // First what the references on the way lead to, then the requested entries themselves.
-    const std::vector<Path> refPaths = internal::referencePaths(current()->graph.slot(), tree.paths());
+    const std::vector<Path> refPaths = internal::referencePaths(internal::slot(current()->graph), tree.paths());
     if (!refPaths.empty()) {
       const PathTree refTree = PathTree::fromPaths(refPaths);
-      replaceIfChanged(SlotRef(internal::invalidateGraph(current()->graph.slot(), refTree)));
+      replaceIfChanged(SlotRef(internal::invalidateGraph(internal::slot(current()->graph), refTree)));
     }
-    replaceIfChanged(SlotRef(internal::invalidateGraph(current()->graph.slot(), tree)));
+    replaceIfChanged(SlotRef(internal::invalidateGraph(internal::slot(current()->graph), tree)));
   }
 
   mutable internal::Mutex stateMu_;

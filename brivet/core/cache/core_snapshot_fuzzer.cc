@@ -4,12 +4,16 @@
 // (`deserializeCache`, and `setCache` with the dictionary), read along the
 // input's key paths, and saved again.
 //
-// Properties: both readers accept the same texts and, when the text holds no
-// relative expiry (which each reading resolves against its own clock), give
-// the same envelope; a restore fails exactly when the text is not JSON; reads
-// end, a synchronous read answers one value per key path and a get ends with
-// exactly one completion; the restored cache saves, and what it saves reads
-// back as the envelope the model holds.
+// Properties: both readers accept the same texts, find an envelope for the
+// same texts, report it restored exactly when they find one, count the same
+// unreadable entries and, when the text holds no relative expiry (which each
+// reading resolves against its own clock), give the same envelope; a version
+// read lies in the version range; an envelope read writes back to text that
+// reads as the same envelope with nothing unreadable; a restore fails exactly
+// when the text is not JSON and reports what the reader reports; reads end, a
+// synchronous read answers one value per key path and a get ends with exactly
+// one completion; the restored cache saves, and what it saves reads back as
+// the envelope the model holds.
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -72,26 +76,49 @@ void checkModel(TovInternalModel& model, const std::vector<std::string>& keyPath
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const testing::FuzzInput input = testing::FuzzInput::from(data, size);
-  const Result<std::optional<CacheEnvelope>> fromText = CacheEnvelope::fromJSONText(input.json);
+  SnapshotReport textReport;
+  const Result<std::optional<CacheEnvelope>> fromText = CacheEnvelope::fromJSONText(input.json, &textReport);
   const Result<Object> parsed =
       parseJSON(input.json, JSONReadingOptions::MutableContainers | JSONReadingOptions::FragmentsAllowed);
   BRIVET_FUZZ_CHECK(fromText.ok() == parsed.ok(), "both readers accept the same texts");
 
   auto model = TovBrivet::createTovModelWithUrl(std::nullopt, nullptr);
-  const Result<void> restored = model->deserializeCache(input.json);
+  const Result<SnapshotReport> restored = model->deserializeCache(input.json);
   BRIVET_FUZZ_CHECK(restored.ok() == parsed.ok(), "a restore fails exactly when the text is not JSON");
   if (!parsed.ok()) return 0;
+  BRIVET_FUZZ_CHECK(fromText->has_value() == textReport.restored(), "an envelope is found exactly when restored");
+  BRIVET_FUZZ_CHECK(restored->restored() == textReport.restored() &&
+                        restored->unreadableEntries == textReport.unreadableEntries,
+                    "a restore reports what the reader reports");
 
-  const std::optional<CacheEnvelope> fromDictionary = CacheEnvelope::fromDictionary(parsed.value());
+  SnapshotReport dictionaryReport;
+  const std::optional<CacheEnvelope> fromDictionary = CacheEnvelope::fromDictionary(parsed.value(), &dictionaryReport);
   BRIVET_FUZZ_CHECK(fromText->has_value() == fromDictionary.has_value(), "both readers find the same envelope");
-  if (fromDictionary && !hasRelativeDates(parsed.value())) {
-    BRIVET_FUZZ_CHECK(**fromText == *fromDictionary, "both readers give the same envelope");
-    BRIVET_FUZZ_CHECK(heldBy(*model) == *fromDictionary, "a restored model holds the envelope");
+  if (fromDictionary) {
+    BRIVET_FUZZ_CHECK(fromDictionary->version <= kMaxCacheVersion && (*fromText)->version == fromDictionary->version,
+                      "both readers read the same version, in the version range");
+    BRIVET_FUZZ_CHECK(dictionaryReport.unreadableEntries == textReport.unreadableEntries,
+                      "both readers count the same unreadable entries");
+    if (!hasRelativeDates(parsed.value())) {
+      BRIVET_FUZZ_CHECK(**fromText == *fromDictionary, "both readers give the same envelope");
+      BRIVET_FUZZ_CHECK(heldBy(*model) == *fromDictionary, "a restored model holds the envelope");
+    }
+    // A number the text held that JSON cannot write back (an infinity) is the one reason not to write.
+    if (const Result<std::string> written = (*fromText)->toJSONText(); written.ok()) {
+      SnapshotReport again;
+      const Result<std::optional<CacheEnvelope>> back = CacheEnvelope::fromJSONText(written.value(), &again);
+      BRIVET_FUZZ_CHECK(back.ok() && back->has_value() && **back == **fromText,
+                        "an envelope writes back to text that reads as the same envelope");
+      BRIVET_FUZZ_CHECK(again.unreadableEntries == 0, "what is written back reads with nothing unreadable");
+    }
   }
   checkModel(*model, input.keyPaths);
 
   auto other = TovBrivet::createTovModelWithUrl(std::nullopt, nullptr);
-  other->setCache(parsed.value());
+  const SnapshotReport set = other->setCache(parsed.value());
+  BRIVET_FUZZ_CHECK(set.restored() == fromDictionary.has_value() &&
+                        set.unreadableEntries == dictionaryReport.unreadableEntries,
+                    "setCache reports what the dictionary reader reports");
   checkModel(*other, input.keyPaths);
   return 0;
 }

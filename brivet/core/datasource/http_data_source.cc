@@ -99,12 +99,12 @@ HTTPDataSource::HTTPDataSource(Passkey, std::string url, std::weak_ptr<HTTPClien
       loggingDelegate_(loggingDelegate) {}
 
 std::shared_ptr<DataSourceLoggingDelegate> HTTPDataSource::loggingDelegate() const {
-  internal::MutexLock lock(mu_);
+  MutexLock lock(mu_);
   return loggingDelegate_.lock();
 }
 
 void HTTPDataSource::setLoggingDelegate(const std::shared_ptr<DataSourceLoggingDelegate>& delegate) {
-  internal::MutexLock lock(mu_);
+  MutexLock lock(mu_);
   loggingDelegate_ = delegate;
 }
 

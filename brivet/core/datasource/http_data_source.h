@@ -36,7 +36,7 @@
 
 #include "brivet/core/datasource/data_source.h"
 #include "brivet/core/model/brivet_result.h"
-#include "brivet/platform/internal/mutex.h"
+#include "brivet/platform/mutex.h"
 
 namespace brivet {
 
@@ -88,7 +88,7 @@ class HTTPDataSource final : public DataSource, public std::enable_shared_from_t
   const std::string url_;
   const std::weak_ptr<HTTPClientProtocol> httpClientDelegate_;
   const std::shared_ptr<DispatchQueue> answerQueue_;  // where the client's answers are read
-  mutable internal::Mutex mu_;
+  mutable Mutex mu_;
   std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate_ BRIVET_GUARDED_BY(mu_);
 };
 

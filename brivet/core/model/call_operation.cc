@@ -33,7 +33,8 @@ struct CallRun : internal::Run {
 void handleResponse(CallRun& run, const BrivetResult<DataSourceCallResponse>& result) {
   if (const DataSourceCallResponse* response = result.value()) {
     const std::uint64_t cacheID =
-        internal::beginInterval(internal::cacheLog(), "method=%@, path=%@", "call", run.functionPath);
+        internal::beginChildInterval(internal::cacheLog(), run.streamID(), "method=%@, path=%@", "call",
+                                     run.functionPath);
     CacheProtocol& cache = *run.model().cache();
     // Dropped first, so values the answer brings for the same paths survive.
     if (response->invalidated) cache.invalidate(*response->invalidated);

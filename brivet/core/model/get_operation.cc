@@ -25,7 +25,7 @@ struct GetRun : internal::Run {
 void handleResponse(GetRun& run, const BrivetResult<DataSourceResponse>& result) {
   if (const DataSourceResponse* response = result.value()) {
     const std::uint64_t cacheID =
-        internal::beginInterval(internal::cacheLog(), "method=%@, path=%@", "get", run.requested);
+        internal::beginChildInterval(internal::cacheLog(), run.streamID(), "method=%@, path=%@", "get", run.requested);
     Read read;
     if (run.operation.skipCacheMerge()) {
       read = internal::readGraph(response->jsonGraph, run.missing);
@@ -51,8 +51,8 @@ void runGet(const GetOperation& operation, std::uint64_t streamID,
   auto run = std::make_shared<GetRun>(operation, std::move(observer), streamID);
   const InternalModel& model = operation.model();
 
-  const std::uint64_t cacheID = internal::beginInterval(internal::cacheLog(), "method=%@, path=%@", "get",
-                                                        internal::tracedKeyPaths(operation.pathTree()));
+  const std::uint64_t cacheID = internal::beginChildInterval(internal::cacheLog(), streamID, "method=%@, path=%@",
+                                                             "get", internal::tracedKeyPaths(operation.pathTree()));
   Read read = internal::readCache(*model.cache(), operation.pathTree(), /*checkExpiry=*/true);
   PathTree missingOptimized = std::move(read.missingOptimized);
   run->missing = std::move(read.missing);

@@ -136,7 +136,7 @@ class GatedCache final : public CacheProtocol {
     return inner_->getValues(pathTree, checkExpiry);
   }
   CacheEnvelope getCache(const std::optional<PathTree>& pathTree) const override { return inner_->getCache(pathTree); }
-  Object getJSON(const std::vector<Path>& paths) const override { return inner_->getJSON(paths); }
+  Result<Object, BrivetError> getJSON(const std::vector<Path>& paths) const override { return inner_->getJSON(paths); }
   void merge(JSONGraph jsonGraph) override { inner_->merge(std::move(jsonGraph)); }
   void invalidate(PathTree pathTree) override { inner_->invalidate(std::move(pathTree)); }
   void setCache(CacheEnvelope envelope) override { inner_->setCache(std::move(envelope)); }

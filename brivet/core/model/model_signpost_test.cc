@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,14 +30,30 @@ class CapturingSink final : public SignpostSink {
     internal::MutexLock lock(mu_);
     lines_.push_back(std::string(category) + "/" + std::string(name) + " " + kind + ": " + std::string(message));
   }
+  // Records which interval each nested one begins in ("Cache in Stream").
+  void emitBegin(std::string_view subsystem, std::string_view category, std::string_view name, std::uint64_t id,
+                 std::uint64_t parent, std::string_view message) override {
+    {
+      internal::MutexLock lock(mu_);
+      categories_[id] = std::string(category);
+      if (parent != 0) nesting_.push_back(std::string(category) + " in " + categories_[parent]);
+    }
+    emit(SignpostPhase::Begin, subsystem, category, name, id, message);
+  }
   std::vector<std::string> take() {
     internal::MutexLock lock(mu_);
     return std::move(lines_);
+  }
+  std::vector<std::string> takeNesting() {
+    internal::MutexLock lock(mu_);
+    return std::move(nesting_);
   }
 
  private:
   internal::Mutex mu_;
   std::vector<std::string> lines_ BRIVET_GUARDED_BY(mu_);
+  std::map<std::uint64_t, std::string> categories_ BRIVET_GUARDED_BY(mu_);
+  std::vector<std::string> nesting_ BRIVET_GUARDED_BY(mu_);
 };
 
 class ModelSignpostTest : public ::testing::Test {
@@ -79,10 +96,12 @@ TEST_F(ModelSignpostTest, AGetMarksItsStreamCacheAndDataSourceIntervals) {
                                "DataSource/DataSource end: status=Complete",
                                "Stream/Stream end: status=Complete",
                            }));
+  EXPECT_EQ(sink_->takeNesting(),
+            (std::vector<std::string>{"Cache in Stream", "DataSource in Stream", "Cache in Stream"}));
 }
 
 TEST_F(ModelSignpostTest, SetCallAndSynchronousReadsAreMarkedToo) {
-  auto local = std::dynamic_pointer_cast<TovInternalModel>(model_->withoutDataSource());
+  auto local = model_->withoutDataSource();
   run(local->setWithValue(json(R"({"videos": {"v3": {"title": "Three"}}})"))->asStream());
   client_->reply = {{}, httpFailure(500)};
   run(model_->callFunctionWithKeyPath("lists.add", std::nullopt, std::nullopt, std::nullopt)->asStream());

@@ -22,7 +22,8 @@ struct SetRun : internal::Run {
 
 // Merges `graph` and reads the written paths back, inside a Cache interval.
 Read writeAndRead(const SetRun& run, const JSONGraph& graph) {
-  const std::uint64_t cacheID = internal::beginInterval(internal::cacheLog(), "method=%@, path=%@", "set", run.paths);
+  const std::uint64_t cacheID =
+      internal::beginChildInterval(internal::cacheLog(), run.streamID(), "method=%@, path=%@", "set", run.paths);
   CacheProtocol& cache = *run.model().cache();
   cache.merge(graph);
   Read read = internal::readCache(cache, run.operation.pathTree(), /*checkExpiry=*/false);

@@ -39,13 +39,16 @@ const std::shared_ptr<DispatchQueue>& taskQueue();
 // A new serial queue labelled like `taskQueue()` (with its own UUID).
 std::shared_ptr<DispatchQueue> makeTaskQueue();
 
+// What a subscriber holds: `cancel` ends the subscription (at most once takes
+// effect; later calls, and calls after the stream ended, do nothing).
 class Subscription {
  public:
   virtual ~Subscription() = default;
   virtual void cancel() = 0;
 };
 
-// The subscription every stream hands out: `cancel` calls its cancel block.
+// The implementation behind every stream's subscriptions: `cancel` calls its
+// cancel block.
 class InternalSubscription final : public Subscription {
  public:
   explicit InternalSubscription(std::function<void()> cancelBlock) : cancelBlock_(std::move(cancelBlock)) {}
@@ -80,7 +83,8 @@ class Stream : public std::enable_shared_from_this<Stream<T>> {
     return create(taskBlock_, cancelBlock_, isUnsubscribed(), std::move(queue), runOn_);
   }
 
-  std::shared_ptr<InternalSubscription> subscribe(Observer block) {
+  // Runs the task for a new subscriber; the handle cancels this subscription.
+  std::shared_ptr<Subscription> subscribe(Observer block) {
     std::weak_ptr<Stream> weak = this->shared_from_this();
     auto subscription = std::make_shared<InternalSubscription>([weak] {
       if (std::shared_ptr<Stream> stream = weak.lock()) stream->unsubscribe();

@@ -98,7 +98,7 @@ TEST_F(StreamTest, CancelTwiceRunsTheCancelBlockOnce) {
 }
 
 TEST_F(StreamTest, CancelAfterTheStreamIsGoneDoesNothing) {
-  std::shared_ptr<InternalSubscription> subscription;
+  std::shared_ptr<Subscription> subscription;
   {
     auto stream = streamEmitting({});
     subscription = stream->subscribe(recorder());

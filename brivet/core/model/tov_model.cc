@@ -125,12 +125,12 @@ const InternalModel& TovInternalModel::internalModel() {
 // --- TovModel ---
 
 std::shared_ptr<TovLoggingDelegate> TovInternalModel::loggingDelegate() const {
-  internal::MutexLock lock(mu_);
+  MutexLock lock(mu_);
   return loggingDelegate_.lock();
 }
 
 void TovInternalModel::setLoggingDelegate(const std::shared_ptr<TovLoggingDelegate>& delegate) {
-  internal::MutexLock lock(mu_);
+  MutexLock lock(mu_);
   loggingDelegate_ = delegate;
 }
 
@@ -169,17 +169,19 @@ Object TovInternalModel::getCacheWithKeyPaths(const std::optional<KeyPaths>& key
   return internal::snapshotCache(*cache_, treeOf(keyPaths)).toDictionary();
 }
 
-void TovInternalModel::setCache(const Object& snapshotDictionary) {
-  if (std::optional<CacheEnvelope> envelope = CacheEnvelope::fromDictionary(snapshotDictionary)) {
+SnapshotReport TovInternalModel::setCache(const Object& snapshotDictionary) {
+  SnapshotReport report;
+  if (std::optional<CacheEnvelope> envelope = CacheEnvelope::fromDictionary(snapshotDictionary, &report)) {
     cache_->setCache(std::move(*envelope));
   }
+  return report;
 }
 
 void TovInternalModel::invalidateWithKeyPaths(const KeyPaths& keyPaths) {
   cache_->invalidate(PathTree::fromKeyPaths(keyPaths));
 }
 
-std::shared_ptr<TovModel> TovInternalModel::withoutDataSource() {
+std::shared_ptr<TovInternalModel> TovInternalModel::withoutDataSource() {
   return std::make_shared<TovInternalModel>(Passkey{}, cache_, std::nullopt, std::weak_ptr<TovHTTPClientProtocol>(),
                                             loggingDelegate(), operationQueue_);
 }
@@ -238,11 +240,12 @@ Result<std::string> TovInternalModel::serializeCacheWithKeyPaths(const std::opti
   return text;
 }
 
-Result<void> TovInternalModel::deserializeCache(std::string_view data) {
-  Result<std::optional<CacheEnvelope>> parsed = CacheEnvelope::fromJSONText(data);
+Result<SnapshotReport> TovInternalModel::deserializeCache(std::string_view data) {
+  SnapshotReport report;
+  Result<std::optional<CacheEnvelope>> parsed = CacheEnvelope::fromJSONText(data, &report);
   if (!parsed.ok()) return parsed.error();
   if (parsed.value()) cache_->setCache(std::move(*parsed.value()));
-  return {};
+  return report;
 }
 
 void TovInternalModel::mergeJSONDictionaryIntoModel(const Object& dictionary) {

@@ -31,7 +31,7 @@ TovHTTPDataSourceResponseStream::TovHTTPDataSourceResponseStream(TaskBlock taskB
 
 std::shared_ptr<Subscription> TovHTTPDataSourceResponseStream::subscribe(ProgressBlock progressBlock,
                                                                          CompletionBlock completionBlock) const {
-  std::shared_ptr<InternalSubscription> inner =
+  std::shared_ptr<Subscription> inner =
       stream_->subscribe([progressBlock = std::move(progressBlock),
                           completionBlock = std::move(completionBlock)](const BrivetResult<Object>& result) {
         if (const Object* dictionary = result.value()) {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "brivet/core/values/internal/unreadable.h"
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/platform/internal/rapidjson.h"
 #include "brivet/platform/precondition.h"
 
@@ -360,9 +362,12 @@ namespace {
 // A dictionary with a text "$type": a wrapped leaf, undefined, or null.
 Slot leafFromDictionary(const Dictionary& d, std::size_t remaining, const Object& defaultExpires, Date parseTime) {
   const NodeKeys keys = scanNodeKeys(d);
-  if (keys.value == nullptr) return kUndefined;
-  const Object& value = *keys.value;
   const std::string_view t = keys.type->stringValue();
+  if (keys.value == nullptr) {
+    if (t != "atom") noteUnreadable();  // an error or a reference without its value is lost
+    return kUndefined;
+  }
+  const Object& value = *keys.value;
   if (t == "atom") {
     return leafWithMetadata(LeafKind::Atom, valueSlotFromAny(value, remaining - 1),
                             metadataFromKeys(keys, Object(), parseTime));
@@ -380,13 +385,17 @@ Slot leafFromDictionary(const Dictionary& d, std::size_t remaining, const Object
       }
     }
   }
+  noteUnreadable();
   return kNull;
 }
 }  // namespace
 
 Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object& defaultExpires, Date parseTime) {
   if (const Dictionary* d = object.asDictionary()) {
-    if (remaining == 0) return kNull;
+    if (remaining == 0) {
+      noteUnreadable();
+      return kNull;
+    }
     // One pass builds the branch; a text "$type" (first, in every writer's
     // output) turns the dictionary into a leaf instead.
     ObjectBuilder builder;
@@ -405,7 +414,10 @@ Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object&
     return builder.build();
   }
   if (const Array* a = object.asArray()) {
-    if (remaining == 0) return kNull;
+    if (remaining == 0) {
+      noteUnreadable();
+      return kNull;
+    }
     const std::size_t n = a->size();
     if (n <= 8) {
       Slot items[8];
@@ -458,18 +470,18 @@ Object graphSlotToAny(Slot s) {
 
 JSONGraphLeaf JSONGraphLeaf::atom(const JSONValue& value, const JSONGraphMetadata& metadata) {
   SlotRef size;
-  internal::retain(value.slot());
-  const Slot s = internal::makeLeaf(internal::LeafKind::Atom, value.slot(), storedMetadata(metadata, &size));
+  internal::retain(internal::slot(value));
+  const Slot s = internal::makeLeaf(internal::LeafKind::Atom, internal::slot(value), storedMetadata(metadata, &size));
   BRIVET_PRECONDITION(s != internal::kNull, "JSONGraphLeaf nested deeper than 512 levels");
-  return JSONGraphLeaf(SlotRef(s));
+  return JSONGraphLeaf(ValueStorage(s));
 }
 
 JSONGraphLeaf JSONGraphLeaf::error(const JSONValue& value, const JSONGraphMetadata& metadata) {
   SlotRef size;
-  internal::retain(value.slot());
-  const Slot s = internal::makeLeaf(internal::LeafKind::Error, value.slot(), storedMetadata(metadata, &size));
+  internal::retain(internal::slot(value));
+  const Slot s = internal::makeLeaf(internal::LeafKind::Error, internal::slot(value), storedMetadata(metadata, &size));
   BRIVET_PRECONDITION(s != internal::kNull, "JSONGraphLeaf nested deeper than 512 levels");
-  return JSONGraphLeaf(SlotRef(s));
+  return JSONGraphLeaf(ValueStorage(s));
 }
 
 JSONGraphLeaf JSONGraphLeaf::ref(const std::vector<std::string>& path, const JSONGraphMetadata& metadata) {
@@ -479,14 +491,14 @@ JSONGraphLeaf JSONGraphLeaf::ref(const std::vector<std::string>& path, const JSO
   SlotRef size;
   const Slot s = internal::makeLeaf(internal::LeafKind::Ref, internal::buildArray(std::move(items)),
                                     storedMetadata(metadata, &size));
-  return JSONGraphLeaf(SlotRef(s));
+  return JSONGraphLeaf(ValueStorage(s));
 }
 
 JSONGraphLeaf JSONGraphLeaf::primitive(const JSONPrimitive& primitive) {
-  return JSONGraphLeaf(SlotRef::retained(primitive.slot()));
+  return internal::leafFromSlot(SlotRef::retained(internal::slot(primitive)));
 }
 
-JSONGraphLeaf JSONGraphLeaf::undefined() { return JSONGraphLeaf(SlotRef(internal::kUndefined)); }
+JSONGraphLeaf JSONGraphLeaf::undefined() { return JSONGraphLeaf(ValueStorage(internal::kUndefined)); }
 
 JSONGraphLeaf::Kind JSONGraphLeaf::kind() const {
   LeafView v;
@@ -498,7 +510,7 @@ JSONValue JSONGraphLeaf::value() const {
   LeafView v;
   internal::viewLeaf(slot_.get(), &v);
   if (v.kind != Kind::Atom && v.kind != Kind::Error) return JSONValue();
-  return JSONValue::fromSlot(SlotRef(internal::copySlot(v.value)));
+  return internal::valueFromSlot(SlotRef(internal::copySlot(v.value)));
 }
 
 std::vector<std::string> JSONGraphLeaf::path() const {
@@ -520,7 +532,7 @@ JSONGraphMetadata JSONGraphLeaf::metadata() const {
 
 JSONPrimitive JSONGraphLeaf::primitive() const {
   if (kind() != Kind::Primitive) return JSONPrimitive();
-  return JSONPrimitive::fromSlot(SlotRef::retained(slot_.get()));
+  return internal::primitiveFromSlot(SlotRef::retained(slot_.get()));
 }
 
 std::string JSONGraphLeaf::description() const {
@@ -529,7 +541,7 @@ std::string JSONGraphLeaf::description() const {
   return out;
 }
 
-bool operator==(const JSONGraphLeaf& a, const JSONGraphLeaf& b) { return internal::graphEqual(a.slot(), b.slot()); }
+bool operator==(const JSONGraphLeaf& a, const JSONGraphLeaf& b) { return internal::graphEqual(internal::slot(a), internal::slot(b)); }
 
 // --- JSONGraph ---
 
@@ -539,7 +551,7 @@ JSONGraph JSONGraph::object(std::vector<std::pair<std::string, JSONGraph>> entri
   for (auto& [key, child] : entries) builder.add(key, child.slot_.take());
   const Slot s = builder.build();
   BRIVET_PRECONDITION(s != internal::kNull, "JSONGraph nested deeper than 512 levels");
-  return JSONGraph(SlotRef(s));
+  return JSONGraph(ValueStorage(s));
 }
 
 JSONGraph JSONGraph::array(std::vector<JSONGraph> elements) {
@@ -548,12 +560,17 @@ JSONGraph JSONGraph::array(std::vector<JSONGraph> elements) {
   for (JSONGraph& e : elements) items.push_back(e.slot_.take());
   const Slot s = internal::buildArray(std::move(items));
   BRIVET_PRECONDITION(s != internal::kNull, "JSONGraph nested deeper than 512 levels");
-  return JSONGraph(SlotRef(s));
+  return JSONGraph(ValueStorage(s));
 }
 
 JSONGraph JSONGraph::fromAny(const Object& object, const Object& defaultExpires) {
-  return JSONGraph(SlotRef(internal::graphSlotFromAny(object, internal::kMaxDepth, defaultExpires, dateNow())));
+  return JSONGraph(ValueStorage(internal::graphSlotFromAny(object, internal::kMaxDepth, defaultExpires, dateNow())));
 }
+
+JSONGraph::JSONGraph() : slot_(internal::emptyObject()) {}
+
+bool JSONGraph::isObject() const { return internal::isObjectSlot(slot_.get()); }
+bool JSONGraph::isArray() const { return internal::isArraySlot(slot_.get()); }
 
 JSONGraph::Kind JSONGraph::kind() const {
   if (isObject()) return Kind::Object;
@@ -563,7 +580,7 @@ JSONGraph::Kind JSONGraph::kind() const {
 
 JSONGraphLeaf JSONGraph::leaf() const {
   if (!isLeaf()) return JSONGraphLeaf::undefined();
-  return JSONGraphLeaf::fromSlot(SlotRef::retained(slot_.get()));
+  return internal::leafFromSlot(SlotRef::retained(slot_.get()));
 }
 
 std::size_t JSONGraph::size() const {
@@ -576,27 +593,27 @@ std::optional<JSONGraph> JSONGraph::find(std::string_view key) const {
   if (isObject()) {
     const Slot v = internal::objectFind(slot_.get(), key);
     if (v == internal::kEmpty) return std::nullopt;
-    return JSONGraph(SlotRef(internal::copySlot(v)));
+    return JSONGraph(ValueStorage(internal::copySlot(v)));
   }
   std::size_t index;
-  if (isArray() && parseIndex(key, &index) && index < size()) return at(index);
+  if (isArray() && parseIndex(key, &index)) return at(index);
   return std::nullopt;
 }
 
-JSONGraph JSONGraph::at(std::size_t index) const {
-  BRIVET_PRECONDITION(isArray() && index < size(), "JSONGraph::at out of range");
-  return JSONGraph(SlotRef(internal::copySlot(internal::arrayOf(slot_.get())->items[index])));
+std::optional<JSONGraph> JSONGraph::at(std::size_t index) const {
+  if (!isArray() || index >= size()) return std::nullopt;
+  return JSONGraph(ValueStorage(internal::copySlot(internal::arrayOf(slot_.get())->items[index])));
 }
 
 void JSONGraph::forEach(const std::function<void(std::string_view, const JSONGraph&)>& f) const {
   if (isObject()) {
     internal::objectForEach(slot_.get(), [&](const Slot& k, const Slot& v) {
-      f(internal::stringOf(k), JSONGraph(SlotRef(internal::copySlot(v))));
+      f(internal::stringOf(k), JSONGraph(ValueStorage(internal::copySlot(v))));
     });
   } else if (isArray()) {
     const internal::ArrayNode* a = internal::arrayOf(slot_.get());
     for (std::uint32_t i = 0; i < a->count; ++i)
-      f(std::to_string(i), JSONGraph(SlotRef(internal::copySlot(a->items[i]))));
+      f(std::to_string(i), JSONGraph(ValueStorage(internal::copySlot(a->items[i]))));
   }
 }
 
@@ -604,7 +621,7 @@ std::vector<JSONGraph> JSONGraph::elements() const {
   std::vector<JSONGraph> out;
   if (!isArray()) return out;
   const internal::ArrayNode* a = internal::arrayOf(slot_.get());
-  for (std::uint32_t i = 0; i < a->count; ++i) out.push_back(JSONGraph(SlotRef(internal::copySlot(a->items[i]))));
+  for (std::uint32_t i = 0; i < a->count; ++i) out.push_back(JSONGraph(ValueStorage(internal::copySlot(a->items[i]))));
   return out;
 }
 
@@ -616,6 +633,6 @@ std::string JSONGraph::description() const {
   return out;
 }
 
-bool operator==(const JSONGraph& a, const JSONGraph& b) { return internal::graphEqual(a.slot(), b.slot()); }
+bool operator==(const JSONGraph& a, const JSONGraph& b) { return internal::graphEqual(internal::slot(a), internal::slot(b)); }
 
 }  // namespace brivet

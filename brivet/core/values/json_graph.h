@@ -106,21 +106,20 @@ class JSONGraphLeaf {
   std::string description() const;
   friend bool operator==(const JSONGraphLeaf& a, const JSONGraphLeaf& b);
 
-  static JSONGraphLeaf fromSlot(internal::SlotRef slot) { return JSONGraphLeaf(std::move(slot)); }
-  internal::Slot slot() const { return slot_.get(); }
-
  private:
-  explicit JSONGraphLeaf(internal::SlotRef slot) : slot_(std::move(slot)) {}
-  internal::SlotRef slot_;
+  friend struct ValueAccess;
+  friend class JSONGraph;
+  explicit JSONGraphLeaf(ValueStorage slot) : slot_(std::move(slot)) {}
+  ValueStorage slot_;
 };
 
 class JSONGraph {
  public:
   enum class Kind : std::uint8_t { Object, Array, Leaf };
 
-  JSONGraph() : slot_(internal::emptyObject()) {}  // an empty object branch
-  JSONGraph(const JSONGraphLeaf& leaf)             // NOLINT: a leaf is a graph
-      : slot_(internal::SlotRef::retained(leaf.slot())) {}
+  JSONGraph();                          // an empty object branch
+  JSONGraph(const JSONGraphLeaf& leaf)  // NOLINT: a leaf is a graph
+      : slot_(leaf.slot_) {}
   // An object branch; a later entry replaces an earlier one with the same key.
   static JSONGraph object(std::vector<std::pair<std::string, JSONGraph>> entries);
   static JSONGraph emptyObject() { return JSONGraph(); }
@@ -134,15 +133,16 @@ class JSONGraph {
                                         JSONReadingOptions options = JSONReadingOptions::FragmentsAllowed);
 
   Kind kind() const;
-  bool isObject() const { return internal::isObjectSlot(slot_.get()); }
-  bool isArray() const { return internal::isArraySlot(slot_.get()); }
+  bool isObject() const;
+  bool isArray() const;
   bool isLeaf() const { return kind() == Kind::Leaf; }
   JSONGraphLeaf leaf() const;  // undefined unless a leaf
 
   // Branches: child count, lookup by key (arrays by decimal index), access.
   std::size_t size() const;
   std::optional<JSONGraph> find(std::string_view key) const;
-  JSONGraph at(std::size_t index) const;  // precondition: an array and index < size()
+  // An array's element; nothing when this is not an array or `index` is past its end.
+  std::optional<JSONGraph> at(std::size_t index) const;
   void forEach(const std::function<void(std::string_view key, const JSONGraph& child)>& f) const;
   std::vector<JSONGraph> elements() const;
 
@@ -152,28 +152,10 @@ class JSONGraph {
   std::string description() const;
   friend bool operator==(const JSONGraph& a, const JSONGraph& b);
 
-  static JSONGraph fromSlot(internal::SlotRef slot) { return JSONGraph(std::move(slot)); }
-  internal::Slot slot() const { return slot_.get(); }
-
  private:
-  explicit JSONGraph(internal::SlotRef slot) : slot_(std::move(slot)) {}
-  internal::SlotRef slot_;
+  friend struct ValueAccess;
+  explicit JSONGraph(ValueStorage slot) : slot_(std::move(slot)) {}
+  ValueStorage slot_;
 };
-
-namespace internal {
-// Graph slot conversions shared with the text reader and writer.
-Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object& defaultExpires, Date parseTime);
-Object graphSlotToAny(Slot s);
-Metadata metadataFromDictionary(const Dictionary& d, const Object& defaultExpires, Date parseTime);
-// The "$expires" number rules into the stored form (milliseconds since 1970).
-void readWireDate(double wire, Date parseTime, MetaDateKind* kind, double* ms);
-// The parts of any graph leaf slot: false for branches.
-struct LeafView {
-  JSONGraphLeaf::Kind kind;
-  Slot value = kEmpty;  // atoms and errors: the value; refs: the path array; primitives: the slot
-  Metadata metadata;
-};
-bool viewLeaf(Slot s, LeafView* out);
-}  // namespace internal
 
 }  // namespace brivet

@@ -10,7 +10,10 @@
 // result and the errors are exactly theirs.
 #include <algorithm>
 
+#include "brivet/core/values/internal/unreadable.h"
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/json_graph.h"
+#include "brivet/platform/internal/json_scalars.h"
 #include "brivet/platform/internal/rapidjson.h"
 #include "brivet/platform/internal/utf8.h"
 
@@ -35,8 +38,12 @@ const KeyProbe& valueKey() {
 
 class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, GraphReader> {
  public:
-  GraphReader(const Object& defaultExpires, Date parseTime)
-      : defaultExpires_(defaultExpires), parseTime_(parseTime), scratchMark_(internal::scratchMark()) {
+  GraphReader(const Object& defaultExpires, Date parseTime, const char* textEnd, bool checkSurrogates)
+      : defaultExpires_(defaultExpires),
+        parseTime_(parseTime),
+        textEnd_(textEnd),
+        checkSurrogates_(checkSurrogates),
+        scratchMark_(internal::scratchMark()) {
     frames_.reserve(32);
     entries_.reserve(256);
   }
@@ -65,6 +72,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool Double(double d) { return push(internal::makeDoubleNumber(d)); }
   bool String(const char* s, rapidjson::SizeType length, bool) {
     const std::string_view text(s, length);
+    if (checkSurrogates_ && internal::hasEncodedSurrogate(text)) return takeGeneralRoad();
     // Inside a container, a short text waits in the scratch area until its
     // object is built (arrays copy it out); the scratch is dropped as the
     // container closes.
@@ -75,6 +83,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   }
   bool Key(const char* s, rapidjson::SizeType length, bool) {
     const std::string_view key(s, length);
+    if (checkSurrogates_ && internal::hasEncodedSurrogate(key)) return takeGeneralRoad();
     internal::release(pendingKey_);
     pendingKey_ = internal::makeString(key);
     Frame& f = frames_.back();
@@ -113,7 +122,9 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   }
 
   bool failed() const { return tooDeep_ || needsGeneralRoad_; }
+  const char* textEnd() const { return textEnd_; }
   bool topIsContainer() const { return topIsContainer_; }
+  std::size_t unreadable() const { return unreadable_; }
   Slot takeResult() { return std::exchange(result_, internal::kEmpty); }
 
  private:
@@ -128,6 +139,12 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     std::int8_t valueChild = 0;   // how the last container under "value" was built: 1 plain, 2 graph
     std::size_t scratchMark = 0;  // the scratch area as the container opened
   };
+
+  // An unpaired surrogate escape: the general road refuses the text with its error.
+  bool takeGeneralRoad() {
+    needsGeneralRoad_ = true;
+    return false;
+  }
 
   bool enter(bool isObject) {
     if (frames_.size() >= kMaxJSONNestingDepth) {
@@ -245,6 +262,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     Slot built = internal::kNull;
     if (value == internal::kEmpty) {
       built = internal::kUndefined;
+      if (internal::stringOf(type) != "atom") ++unreadable_;  // an error or a reference without its value
     } else if (f.valueChild == 2) {
       needsGeneralRoad_ = true;  // the value was read as a graph before the "$type" that makes it plain
     } else {
@@ -262,6 +280,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
           built = internal::makeLeaf(internal::LeafKind::Ref, value, metadata(f.start, false));
         }
       }
+      if (built == internal::kNull) ++unreadable_;
     }
     for (std::size_t i = f.start; i < entries_.size(); ++i) {
       internal::release(entries_[i].key);
@@ -273,6 +292,8 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
 
   const Object defaultExpires_;
   const Date parseTime_;
+  const char* const textEnd_;
+  const bool checkSurrogates_;  // the text has surrogate escapes: decoded strings are checked
   std::vector<Frame> frames_;
   std::vector<Entry> entries_;  // owned
   Slot pendingKey_ = internal::kEmpty;
@@ -280,8 +301,19 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool tooDeep_ = false;
   bool needsGeneralRoad_ = false;
   bool topIsContainer_ = false;
+  std::size_t unreadable_ = 0;  // "$type" dictionaries that read as null or lost their value
   const std::size_t scratchMark_;
 };
+
+constexpr unsigned kGraphParseFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag;
+
+}  // namespace
+}  // namespace brivet
+
+BRIVET_RAPIDJSON_READ_NUMBERS(brivet::kGraphParseFlags, brivet::GraphReader)
+
+namespace brivet {
+namespace {
 
 // --- Writing ---
 
@@ -403,19 +435,21 @@ Result<JSONGraph> JSONGraph::fromJSONText(std::string_view text, const Object& d
     if (!parsed.ok()) return Failure{parsed.error()};
     return fromAny(parsed.value(), defaultExpires);
   };
-  if (!isValidUTF8(text)) return generalRoad();
+  // Text with a byte JSON does not allow (not UTF-8, a stray control
+  // character) is refused by the general road, with its error.
+  if (internal::findJSONTextFault(text)) return generalRoad();
   std::string buffer;
   buffer.reserve(text.size() + 16);  // the SIMD string scan reads whole 16-byte blocks
   buffer.assign(text.data(), text.size());
   rapidjson::InsituStringStream stream(buffer.data());
   rapidjson::Reader reader;
-  GraphReader builder(defaultExpires, dateNow());
-  constexpr unsigned kFlags =
-      rapidjson::kParseInsituFlag | rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
-  const rapidjson::ParseResult parsed = reader.Parse<kFlags>(stream, builder);
+  GraphReader builder(defaultExpires, dateNow(), buffer.data() + buffer.size(),
+                      internal::mayHoldSurrogateEscape(text));
+  const rapidjson::ParseResult parsed = reader.Parse<kGraphParseFlags>(stream, builder);
   if (parsed.IsError() || builder.failed() || stream.Tell() != text.size()) return generalRoad();
   if (!(options & JSONReadingOptions::FragmentsAllowed) && !builder.topIsContainer()) return generalRoad();
-  return JSONGraph(SlotRef(builder.takeResult()));
+  internal::noteUnreadable(builder.unreadable());
+  return JSONGraph(ValueStorage(builder.takeResult()));
 }
 
 Result<std::string> JSONGraph::toJSONText(JSONWritingOptions options) const {
@@ -423,16 +457,16 @@ Result<std::string> JSONGraph::toJSONText(JSONWritingOptions options) const {
   internal::LeafView v;
   const bool topIsScalar = internal::viewLeaf(s, &v) && v.kind == JSONGraphLeaf::Kind::Primitive;
   if (!topIsScalar || (options & JSONWritingOptions::FragmentsAllowed)) {
-    rapidjson::StringBuffer out;
+    internal::JSONTextBuffer out;
     const bool sortKeys = options & JSONWritingOptions::SortedKeys;
     bool written;
     if (options & JSONWritingOptions::PrettyPrinted) {
-      rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(out);
+      internal::JSONTextPrettyWriter writer(out);
       writer.SetIndent(' ', 2);
       GraphWriter<decltype(writer)> w(writer, sortKeys);
       written = w.graph(s);
     } else {
-      rapidjson::Writer<rapidjson::StringBuffer> writer(out);
+      internal::JSONTextWriter writer(out);
       GraphWriter<decltype(writer)> w(writer, sortKeys);
       written = w.graph(s);
     }

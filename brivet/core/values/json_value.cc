@@ -1,5 +1,7 @@
 #include "brivet/core/values/json_value.h"
 
+#include "brivet/core/values/internal/unreadable.h"
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/platform/precondition.h"
 
 namespace brivet {
@@ -17,7 +19,10 @@ std::string keyText(const Object& key) {
 
 Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
   if (const Dictionary* d = object.asDictionary()) {
-    if (remaining == 0) return kNull;
+    if (remaining == 0) {
+      noteUnreadable();
+      return kNull;
+    }
     ObjectBuilder builder;
     builder.reserve(d->size());
     EntryPrefetcher ahead(*d);
@@ -29,7 +34,10 @@ Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
     return builder.build();
   }
   if (const Array* a = object.asArray()) {
-    if (remaining == 0) return kNull;
+    if (remaining == 0) {
+      noteUnreadable();
+      return kNull;
+    }
     const std::size_t n = a->size();
     if (n <= 8) {  // short arrays (every reference path) need no buffer of their own
       Slot items[8];
@@ -43,7 +51,8 @@ Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
   }
   if (const String* s = object.asString()) return makeString(s->text());
   if (const Number* n = object.asNumber()) return makeNumber(*n);
-  return kNull;  // null, and anything that is not JSON
+  if (!object.isNull()) noteUnreadable();  // a date, data or library object: not JSON
+  return kNull;
 }
 
 Object primitiveSlotToAny(Slot s) {
@@ -140,18 +149,21 @@ Slot mergeValues(Slot newValue, Slot oldValue) {
 
 // --- JSONPrimitive ---
 
+void ValueStorage::retain(std::uint64_t bits) { internal::retain(bits); }
+void ValueStorage::release(std::uint64_t bits) { internal::release(bits); }
+
 JSONPrimitive JSONPrimitive::string(std::string_view text) {
-  return JSONPrimitive(SlotRef(internal::makeString(text)));
+  return JSONPrimitive(ValueStorage(internal::makeString(text)));
 }
 JSONPrimitive JSONPrimitive::number(const Number& number) {
-  return JSONPrimitive(SlotRef(internal::makeNumber(number)));
+  return JSONPrimitive(ValueStorage(internal::makeNumber(number)));
 }
 JSONPrimitive JSONPrimitive::integer(std::int64_t value) {
-  return JSONPrimitive(SlotRef(internal::makeSignedNumber(value)));
+  return JSONPrimitive(ValueStorage(internal::makeSignedNumber(value)));
 }
-JSONPrimitive JSONPrimitive::real(double value) { return JSONPrimitive(SlotRef(internal::makeDoubleNumber(value))); }
+JSONPrimitive JSONPrimitive::real(double value) { return JSONPrimitive(ValueStorage(internal::makeDoubleNumber(value))); }
 JSONPrimitive JSONPrimitive::boolean(bool value) {
-  return JSONPrimitive(SlotRef(value ? internal::kTrue : internal::kFalse));
+  return JSONPrimitive(ValueStorage(value ? internal::kTrue : internal::kFalse));
 }
 
 JSONPrimitive::Kind JSONPrimitive::kind() const {
@@ -192,7 +204,7 @@ std::size_t JSONPrimitive::hash() const {
   return 0;
 }
 
-bool operator==(const JSONPrimitive& a, const JSONPrimitive& b) { return internal::valueEqual(a.slot(), b.slot()); }
+bool operator==(const JSONPrimitive& a, const JSONPrimitive& b) { return internal::valueEqual(internal::slot(a), internal::slot(b)); }
 
 // --- JSONValue ---
 
@@ -202,10 +214,10 @@ JSONValue JSONValue::object(std::vector<std::pair<std::string, JSONValue>> entri
   for (auto& [key, value] : entries) builder.add(key, value.slot_.take());
   const Slot s = builder.build();
   BRIVET_PRECONDITION(s != internal::kNull, "JSONValue nested deeper than 512 levels");
-  return JSONValue(SlotRef(s));
+  return JSONValue(ValueStorage(s));
 }
 
-JSONValue JSONValue::emptyObject() { return JSONValue(SlotRef(internal::emptyObject())); }
+JSONValue JSONValue::emptyObject() { return JSONValue(ValueStorage(internal::emptyObject())); }
 
 JSONValue JSONValue::array(std::vector<JSONValue> elements) {
   std::vector<Slot> items;
@@ -213,11 +225,11 @@ JSONValue JSONValue::array(std::vector<JSONValue> elements) {
   for (JSONValue& e : elements) items.push_back(e.slot_.take());
   const Slot s = internal::buildArray(std::move(items));
   BRIVET_PRECONDITION(s != internal::kNull, "JSONValue nested deeper than 512 levels");
-  return JSONValue(SlotRef(s));
+  return JSONValue(ValueStorage(s));
 }
 
 JSONValue JSONValue::fromAny(const Object& object) {
-  return JSONValue(SlotRef(internal::valueSlotFromAny(object, internal::kMaxDepth)));
+  return JSONValue(ValueStorage(internal::valueSlotFromAny(object, internal::kMaxDepth)));
 }
 
 JSONValue::Kind JSONValue::kind() const {
@@ -228,8 +240,11 @@ JSONValue::Kind JSONValue::kind() const {
 
 JSONPrimitive JSONValue::primitive() const {
   if (!isPrimitive()) return JSONPrimitive();
-  return JSONPrimitive::fromSlot(SlotRef::retained(slot_.get()));
+  return internal::primitiveFromSlot(SlotRef::retained(slot_.get()));
 }
+
+bool JSONValue::isObject() const { return internal::isObjectSlot(slot_.get()); }
+bool JSONValue::isArray() const { return internal::isArraySlot(slot_.get()); }
 
 std::size_t JSONValue::size() const {
   if (isObject()) return internal::objectSize(slot_.get());
@@ -241,18 +256,18 @@ std::optional<JSONValue> JSONValue::find(std::string_view key) const {
   if (!isObject()) return std::nullopt;
   const Slot v = internal::objectFind(slot_.get(), key);
   if (v == internal::kEmpty) return std::nullopt;
-  return JSONValue(SlotRef(internal::copySlot(internal::valueView(v))));
+  return JSONValue(ValueStorage(internal::copySlot(internal::valueView(v))));
 }
 
-JSONValue JSONValue::at(std::size_t index) const {
-  BRIVET_PRECONDITION(isArray() && index < size(), "JSONValue::at out of range");
-  return JSONValue(SlotRef(internal::copySlot(internal::valueView(internal::arrayOf(slot_.get())->items[index]))));
+std::optional<JSONValue> JSONValue::at(std::size_t index) const {
+  if (!isArray() || index >= size()) return std::nullopt;
+  return JSONValue(ValueStorage(internal::copySlot(internal::valueView(internal::arrayOf(slot_.get())->items[index]))));
 }
 
 void JSONValue::forEach(const std::function<void(std::string_view, const JSONValue&)>& f) const {
   if (!isObject()) return;
   internal::objectForEach(slot_.get(), [&](const Slot& k, const Slot& v) {
-    f(internal::stringOf(k), JSONValue(SlotRef(internal::copySlot(internal::valueView(v)))));
+    f(internal::stringOf(k), JSONValue(ValueStorage(internal::copySlot(internal::valueView(v)))));
   });
 }
 
@@ -268,12 +283,12 @@ std::vector<JSONValue> JSONValue::elements() const {
   const internal::ArrayNode* a = internal::arrayOf(slot_.get());
   out.reserve(a->count);
   for (std::uint32_t i = 0; i < a->count; ++i)
-    out.push_back(JSONValue(SlotRef(internal::copySlot(internal::valueView(a->items[i])))));
+    out.push_back(JSONValue(ValueStorage(internal::copySlot(internal::valueView(a->items[i])))));
   return out;
 }
 
 JSONValue JSONValue::merge(const JSONValue& newValue, const JSONValue& oldValue) {
-  return JSONValue(SlotRef(internal::ownSlot(internal::mergeValues(newValue.slot(), oldValue.slot()))));
+  return JSONValue(ValueStorage(internal::ownSlot(internal::mergeValues(internal::slot(newValue), internal::slot(oldValue)))));
 }
 
 Object JSONValue::toAnyType() const { return internal::valueSlotToAny(slot_.get()); }
@@ -284,6 +299,6 @@ std::string JSONValue::description() const {
   return out;
 }
 
-bool operator==(const JSONValue& a, const JSONValue& b) { return internal::valueEqual(a.slot(), b.slot()); }
+bool operator==(const JSONValue& a, const JSONValue& b) { return internal::valueEqual(internal::slot(a), internal::slot(b)); }
 
 }  // namespace brivet

@@ -13,6 +13,9 @@
 // told from 0 and 1 by its kind), `toAnyType` gives immutable platform objects.
 //
 // Thread safety: values may be shared and read from any thread.
+//
+// `ValueStorage` is what every core value holds: one reference to an
+// immutable node, or an immediate. It is opaque; only the library reads it.
 #pragma once
 
 #include <cstddef>
@@ -24,16 +27,70 @@
 #include <utility>
 #include <vector>
 
-#include "brivet/core/values/internal/node.h"
 #include "brivet/platform/object.h"
 
 namespace brivet {
+
+class JSONPrimitive;
+class JSONValue;
+class JSONGraphLeaf;
+class JSONGraph;
+
+// The storage of a core value: one counted reference to an immutable node, or
+// an immediate (a short string, a small number, null, a boolean). Copying
+// shares the node.
+class ValueStorage {
+ public:
+  ValueStorage(const ValueStorage& other) noexcept : bits_(other.bits_) {
+    if (holdsNode(bits_)) retain(bits_);
+  }
+  ValueStorage(ValueStorage&& other) noexcept : bits_(std::exchange(other.bits_, 0)) {}
+  ValueStorage& operator=(const ValueStorage& other) noexcept {
+    if (holdsNode(other.bits_)) retain(other.bits_);
+    if (holdsNode(bits_)) release(bits_);
+    bits_ = other.bits_;
+    return *this;
+  }
+  ValueStorage& operator=(ValueStorage&& other) noexcept {
+    if (this != &other) {
+      if (holdsNode(bits_)) release(bits_);
+      bits_ = std::exchange(other.bits_, 0);
+    }
+    return *this;
+  }
+  ~ValueStorage() {
+    if (holdsNode(bits_)) release(bits_);
+  }
+
+ private:
+  friend struct ValueAccess;
+  friend class JSONPrimitive;
+  friend class JSONValue;
+  friend class JSONGraphLeaf;
+  friend class JSONGraph;
+
+  // The null immediate.
+  static constexpr std::uint64_t kNullBits = 4;
+  // Adopts the reference `bits` carries.
+  explicit ValueStorage(std::uint64_t bits) noexcept : bits_(bits) {}
+  // The low three bits tell how a value is stored: tags 0, 5 and 6 hold a
+  // counted node reference, the others are immediates.
+  static constexpr bool holdsNode(std::uint64_t bits) { return bits != 0 && ((0x61u >> (bits & 7u)) & 1u) != 0; }
+  static void retain(std::uint64_t bits);
+  static void release(std::uint64_t bits);
+
+  std::uint64_t get() const { return bits_; }
+  const std::uint64_t& storage() const { return bits_; }
+  std::uint64_t take() { return std::exchange(bits_, 0); }
+
+  std::uint64_t bits_;
+};
 
 class JSONPrimitive {
  public:
   enum class Kind : std::uint8_t { String, Number, Boolean, Null };
 
-  JSONPrimitive() : slot_(internal::kNull) {}  // null
+  JSONPrimitive() : slot_(ValueStorage::kNullBits) {}  // null
   static JSONPrimitive string(std::string_view text);
   static JSONPrimitive number(const Number& number);  // a boolean number gives a boolean
   static JSONPrimitive integer(std::int64_t value);
@@ -57,22 +114,21 @@ class JSONPrimitive {
   std::size_t hash() const;
   friend bool operator==(const JSONPrimitive& a, const JSONPrimitive& b);
 
-  // The slot (for the library's own containers).
-  static JSONPrimitive fromSlot(internal::SlotRef slot) { return JSONPrimitive(std::move(slot)); }
-  internal::Slot slot() const { return slot_.get(); }
 
  private:
-  explicit JSONPrimitive(internal::SlotRef slot) : slot_(std::move(slot)) {}
-  internal::SlotRef slot_;
+  friend struct ValueAccess;
+  friend class JSONValue;
+  explicit JSONPrimitive(ValueStorage slot) : slot_(std::move(slot)) {}
+  ValueStorage slot_;
 };
 
 class JSONValue {
  public:
   enum class Kind : std::uint8_t { Object, Array, Primitive };
 
-  JSONValue() : slot_(internal::kNull) {}    // primitive(null)
-  JSONValue(const JSONPrimitive& primitive)  // NOLINT: a primitive is a value
-      : slot_(internal::SlotRef::retained(primitive.slot())) {}
+  JSONValue() : slot_(ValueStorage::kNullBits) {}  // primitive(null)
+  JSONValue(const JSONPrimitive& primitive)        // NOLINT: a primitive is a value
+      : slot_(primitive.slot_) {}
   // An object; a later entry replaces an earlier one with the same key.
   static JSONValue object(std::vector<std::pair<std::string, JSONValue>> entries);
   static JSONValue emptyObject();
@@ -80,8 +136,8 @@ class JSONValue {
   static JSONValue fromAny(const Object& object);
 
   Kind kind() const;
-  bool isObject() const { return internal::isObjectSlot(slot_.get()); }
-  bool isArray() const { return internal::isArraySlot(slot_.get()); }
+  bool isObject() const;
+  bool isArray() const;
   bool isPrimitive() const { return kind() == Kind::Primitive; }
   // The primitive (null unless this is a primitive).
   JSONPrimitive primitive() const;
@@ -89,7 +145,8 @@ class JSONValue {
   // Objects: entry count and lookup; arrays: element count and access.
   std::size_t size() const;
   std::optional<JSONValue> find(std::string_view key) const;
-  JSONValue at(std::size_t index) const;  // precondition: an array and index < size()
+  // An array's element; nothing when this is not an array or `index` is past its end.
+  std::optional<JSONValue> at(std::size_t index) const;
   // Every entry of an object, in its order (keys are views valid during the call).
   void forEach(const std::function<void(std::string_view key, const JSONValue& value)>& f) const;
   std::vector<std::string> keys() const;
@@ -102,54 +159,10 @@ class JSONValue {
   std::string description() const;
   friend bool operator==(const JSONValue& a, const JSONValue& b);
 
-  // The slot (for the library's own containers).
-  // Takes a value slot; a plain graph node (see internal::isPlain) is one too.
-  static JSONValue fromSlot(internal::SlotRef slot) {
-    return JSONValue(internal::SlotRef(internal::valueView(slot.take())));
-  }
-  internal::Slot slot() const { return slot_.get(); }
-
  private:
-  explicit JSONValue(internal::SlotRef slot) : slot_(std::move(slot)) {}
-  internal::SlotRef slot_;
+  friend struct ValueAccess;
+  explicit JSONValue(ValueStorage slot) : slot_(std::move(slot)) {}
+  ValueStorage slot_;
 };
-
-namespace internal {
-// Shared by the value and graph code: slot conversions and renderings.
-Slot valueSlotFromAny(const Object& object, std::size_t depth);  // owned
-Object valueSlotToAny(Slot s);
-Object primitiveSlotToAny(Slot s);
-void describePrimitive(Slot s, std::string& out);
-void describeValue(Slot s, std::string& out);
-void appendQuoted(std::string& out, std::string_view text);
-// The text a platform dictionary key stands for: its own description.
-std::string keyText(const Object& key);
-// JSONValue merge on slots (owned result).
-Slot mergeValues(Slot newValue, Slot oldValue);
-
-// The keys and values of a platform dictionary are objects of their own, apart
-// in memory: a converter asks for the next few while it converts one, so their
-// cache misses overlap instead of following one another.
-class EntryPrefetcher {
- public:
-  explicit EntryPrefetcher(const Dictionary& d) : next_(d.begin()), end_(d.end()) {
-    for (int i = 0; i < kAhead && next_ != end_; ++i) step();
-  }
-  // Called once per entry converted.
-  void advance() {
-    if (next_ != end_) step();
-  }
-
- private:
-  static constexpr int kAhead = 4;
-  void step() {
-    __builtin_prefetch(next_->first.impl().get());
-    __builtin_prefetch(next_->second.impl().get());
-    ++next_;
-  }
-  Dictionary::const_iterator next_;
-  Dictionary::const_iterator end_;
-};
-}  // namespace internal
 
 }  // namespace brivet

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/platform/date.h"
 
 namespace brivet {
@@ -89,7 +90,7 @@ TEST(JSONValueConversionTest, DeepNestingIsCutWithoutExhaustingTheStack) {
   std::size_t depth = 0;
   JSONValue cursor = v;
   while (cursor.isArray()) {
-    cursor = cursor.at(0);
+    cursor = *cursor.at(0);
     ++depth;
   }
   EXPECT_EQ(depth, 512u);  // below the limit the value is null
@@ -149,8 +150,8 @@ TEST(JSONValueObjectTest, LargeObjectUpdatesMatchAModel) {
         model[key] = v;
       }
     }
-    object = JSONValue::fromSlot(internal::SlotRef(
-        internal::objectUpdate(object.slot(), changes, [](internal::Slot old, internal::Slot change) -> internal::Slot {
+    object = internal::valueFromSlot(internal::SlotRef(
+        internal::objectUpdate(internal::slot(object), changes, [](internal::Slot old, internal::Slot change) -> internal::Slot {
           const std::int64_t v = internal::intOf(change);
           if (v == 0) return internal::kEmpty;
           if (v == 1) {
@@ -195,8 +196,8 @@ class ObjectUpdateTest : public ::testing::Test {
       owned.emplace_back(internal::makeSignedNumber(v));
       changes.push_back({owned[owned.size() - 2].get(), owned.back().get()});
     }
-    return JSONValue::fromSlot(internal::SlotRef(
-        internal::objectUpdate(object.slot(), changes, [](internal::Slot old, internal::Slot change) -> internal::Slot {
+    return internal::valueFromSlot(internal::SlotRef(
+        internal::objectUpdate(internal::slot(object), changes, [](internal::Slot old, internal::Slot change) -> internal::Slot {
           const std::int64_t v = internal::intOf(change);
           if (v == 0) return internal::kEmpty;
           if (v == 1) {
@@ -216,7 +217,7 @@ class ObjectUpdateTest : public ::testing::Test {
 TEST_F(ObjectUpdateTest, NothingChangedGivesTheSameNode) {
   for (int n : {3, 40, 5000}) {
     const JSONValue object = numbered(n);
-    EXPECT_EQ(update(object, {{"k0", 1}, {"absent", 1}, {"absent", 0}, {"k1", 3}}).slot(), object.slot()) << n;
+    EXPECT_EQ(internal::slot(update(object, {{"k0", 1}, {"absent", 1}, {"absent", 0}, {"k1", 3}})), internal::slot(object)) << n;
   }
 }
 
@@ -298,7 +299,7 @@ TEST(JSONValueMergeTest, ObjectsMergeDeeplyAndEverythingElseIsReplaced) {
 TEST(JSONValueMergeTest, AMergeThatChangesNothingSharesTheOldValue) {
   const JSONValue old = obj({{"a", obj({{"x", num(1)}})}, {"b", str("long enough text")}});
   const JSONValue same = obj({{"a", obj({{"x", num(1)}})}});
-  EXPECT_EQ(JSONValue::merge(same, old).slot(), old.slot());
+  EXPECT_EQ(internal::slot(JSONValue::merge(same, old)), internal::slot(old));
 }
 
 TEST(JSONValueEqualityTest, CasesAndNumbers) {

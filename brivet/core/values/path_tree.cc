@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <unordered_map>
 
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/json_graph.h"
 #include "brivet/platform/precondition.h"
 
@@ -83,6 +84,7 @@ struct PathTree::Node {
   std::vector<Entry> entries;
   KeySet keys;
   std::unordered_map<KeySet, std::size_t, KeySetHash> index;  // large objects only
+  std::size_t depth = 0;  // objects nested from here down, this one included
 };
 
 namespace {
@@ -91,9 +93,9 @@ using Node = PathTree::Node;
 
 const std::shared_ptr<const Node>& leafNode(PathTree::Kind kind) {
   static const auto* target =
-      new std::shared_ptr<const Node>(std::make_shared<Node>(Node{PathTree::Kind::Target, {}, {}, {}}));
+      new std::shared_ptr<const Node>(std::make_shared<Node>(Node{PathTree::Kind::Target, {}, {}, {}, 0}));
   static const auto* self =
-      new std::shared_ptr<const Node>(std::make_shared<Node>(Node{PathTree::Kind::Self, {}, {}, {}}));
+      new std::shared_ptr<const Node>(std::make_shared<Node>(Node{PathTree::Kind::Self, {}, {}, {}, 0}));
   return kind == PathTree::Kind::Target ? *target : *self;
 }
 
@@ -140,6 +142,12 @@ struct Builder {
 std::shared_ptr<const Node> objectNode(std::vector<PathTree::Entry> entries) {
   auto node = std::make_shared<Node>();
   node->kind = PathTree::Kind::Object;
+  // Every walk over a tree recurses once per level: an entry whose subtree
+  // would nest the tree past kMaxPathLength levels is dropped, as the readers
+  // drop paths longer than that.
+  std::erase_if(entries, [](const PathTree::Entry& e) { return e.second.depth() >= kMaxPathLength; });
+  for (const PathTree::Entry& e : entries) node->depth = std::max(node->depth, e.second.depth());
+  ++node->depth;
   node->entries = std::move(entries);
   if (node->entries.size() > kIndexedEntries) {
     for (std::size_t i = 0; i < node->entries.size(); ++i) node->index.emplace(node->entries[i].first, i);
@@ -409,6 +417,8 @@ PathTree PathTree::objectWithDistinctKeySets(std::vector<Entry> entries) {
   return PathTree(objectNode(std::move(entries)));
 }
 
+std::size_t PathTree::depth() const { return node_->depth; }
+
 PathTree PathTree::keySet(KeySet keys) {
   auto node = std::make_shared<Node>();
   node->kind = Kind::KeySet;
@@ -515,7 +525,7 @@ PathTree treeOfGraphSlot(internal::Slot s) {
 }
 }  // namespace
 
-PathTree PathTree::fromGraph(const JSONGraph& graph) { return treeOfGraphSlot(graph.slot()); }
+PathTree PathTree::fromGraph(const JSONGraph& graph) { return treeOfGraphSlot(internal::slot(graph)); }
 
 PathTree PathTree::merge(const PathTree& newTree, const PathTree& accumulated) {
   Builder acc;

@@ -10,7 +10,10 @@
 //
 // Sources: dotted key-path strings ("lists.top.@range(0,9).title"), path
 // arrays from a server (["lists", "top", {"from": 0, "to": 9}]), and the
-// nodes of a graph. Paths longer than 512 key sets are dropped. A range whose
+// nodes of a graph. Paths longer than 512 key sets are dropped, and so is an
+// entry that would nest a tree built with `object` deeper than 512 levels, so
+// every algorithm over trees (equality, description, merging, walks) is
+// bounded however a tree was built. A range whose
 // end lies before its start stops the program when iterated, so path arrays
 // (which come from outside) are checked where they are read: a path holding
 // such a range, or a "length" that overflows, is dropped as a whole.
@@ -104,6 +107,8 @@ class PathTree {
 
   Kind kind() const;
   bool isObject() const { return kind() == Kind::Object; }
+  // The objects nested from here down (0 for a key set, `target` or `self`); at most 512.
+  std::size_t depth() const;
   const std::vector<Entry>& entries() const;       // an object's entries in order (empty otherwise)
   const KeySet& keys() const;                      // a key set's keys (empty otherwise)
   const PathTree* find(const KeySet& keys) const;  // an object's subtree for exactly these keys
@@ -135,7 +140,9 @@ class KeyIterator {
  public:
   explicit KeyIterator(std::span<const Key> keys) : currentSlice_(keys) {}
   // The next key as text, or nullopt when the slice is done (and from then on).
-  // Precondition: a range is not reversed (check ranges from outside first).
+  // A checked precondition, the one lookup that stops the program (the path
+  // grammar demands it): a range is not reversed. Check ranges from outside
+  // first.
   std::optional<std::string_view> next();
 
  private:

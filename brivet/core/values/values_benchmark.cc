@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/json_graph.h"
 #include "brivet/core/values/path_tree.h"
 #include "brivet/testing/catalogue.h"
@@ -60,7 +61,7 @@ JSONGraph catalogueGraph(std::size_t videos, std::size_t listItems) {
   internal::ObjectBuilder root;
   root.add("lists", lists.build());
   root.add("videos", videosNode(0, videos));
-  return JSONGraph::fromSlot(SlotRef(root.build()));
+  return internal::graphFromSlot(SlotRef(root.build()));
 }
 
 std::size_t allocatedBytes() { return mallinfo2().uordblks; }
@@ -175,7 +176,7 @@ void BM_ProbeReadWalk(benchmark::State& state) {
                                             internal::KeyProbe(fields[2]), internal::KeyProbe(fields[3]),
                                             internal::KeyProbe(fields[4])};
   for (auto _ : state) {
-    const Slot root = g.slot();
+    const Slot root = internal::slot(g);
     const Slot top = internal::objectFind(internal::objectFind(root, "lists"), "top");
     internal::ObjectBuilder items;
     items.reserve(n);
@@ -217,7 +218,7 @@ void BM_ProbeReadLookups(benchmark::State& state) {
                                             internal::KeyProbe("year"), internal::KeyProbe("genre"),
                                             internal::KeyProbe("boxart")};
   for (auto _ : state) {
-    const Slot root = g.slot();
+    const Slot root = internal::slot(g);
     const Slot top = internal::objectFind(internal::objectFind(root, "lists"), "top");
     char key[24];
     Slot sink = 0;
@@ -278,7 +279,7 @@ void BM_ProbeMergeResponse(benchmark::State& state) {
   const Object response = testing::catalogueResponse(1000, testing::Dialect::Core);
   for (auto _ : state) {
     const JSONGraph incoming = JSONGraph::fromAny(response);
-    SlotRef merged(mergeGraphs(incoming.slot(), cached.get()));
+    SlotRef merged(mergeGraphs(internal::slot(incoming), cached.get()));
     benchmark::DoNotOptimize(merged);
     state.PauseTiming();
     merged = SlotRef();

@@ -1,5 +1,6 @@
-// UTF-8 validation shared by the JSON reader and writer and the graph's own
-// JSON text reader: every text crossing into or out of JSON is checked once.
+// UTF-8 validation shared by the JSON writers (platform objects and graphs):
+// every text going out as JSON is checked once. The readers check incoming text
+// with findJSONTextFault (json_scalars.h), which applies the same rules.
 // Rejects truncated and overlong sequences, surrogates and code points past
 // U+10FFFF; ASCII runs are checked eight bytes at a time.
 #pragma once

@@ -400,7 +400,7 @@ class ValueWalker {
       }
       switch (v.kind) {
         case JSONGraphLeaf::Kind::Error:
-          errors.push_back({texts(requested_), JSONValue::fromSlot(SlotRef(copySlot(v.value)))});
+          errors.push_back({texts(requested_), internal::valueFromSlot(SlotRef(copySlot(v.value)))});
           return kEmpty;
         case JSONGraphLeaf::Kind::Ref:
           if (!more) return copySlot(v.value);
@@ -885,7 +885,7 @@ Result<CacheValues, BrivetError> readValues(Slot root, const PathTree& tree, boo
         BrivetError::JSONGraphFailureReason::pathBoundErrors(std::move(walker.errors)))};
   }
   if (!value) value = SlotRef(emptyObject());
-  return CacheValues{JSONValue::fromSlot(std::move(value)), PathTree::fromPaths(walker.missing),
+  return CacheValues{internal::valueFromSlot(std::move(value)), PathTree::fromPaths(walker.missing),
                      PathTree::fromPaths(walker.missingOptimized)};
 }
 

@@ -22,6 +22,7 @@
 #include "brivet/core/cache/cache.h"
 #include "brivet/core/values/brivet_error.h"
 #include "brivet/core/values/internal/node.h"
+#include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/path_tree.h"
 #include "brivet/platform/internal/step_budget.h"
 #include "brivet/platform/result.h"

@@ -106,7 +106,7 @@ void Run::complete() const {
 }
 
 void Run::beginDataSource(std::string_view method, const std::string& path) {
-  dataSourceID_ = beginInterval(dataSourceLog(), "method=%@, path=%@", method, path);
+  dataSourceID_ = beginChildInterval(dataSourceLog(), streamID_, "method=%@, path=%@", method, path);
 }
 
 void Run::accumulate(const std::optional<BrivetError>& error) {
@@ -129,7 +129,7 @@ void Run::dataSourceCompleted() const {
 }
 
 void Run::fail(const std::string& logPrefix, const StreamError& error, bool closeDataSource) const {
-  model_.logError(logPrefix + error.description());
+  model_.logError(logPrefix + error.text());
   observer_(BrivetResult<JSONEnvelope>::failure(error));
   if (closeDataSource) endInterval(dataSourceLog(), dataSourceID_, "status=%@", "Error");
   endInterval(streamLog(), streamID_, "status=%@", "Error");

@@ -38,6 +38,14 @@ std::uint64_t beginInterval(const SignpostLog& log, std::string_view format, con
   if (id != 0) log.intervalBegin(id, log.category(), formatString(format, args...));
   return id;
 }
+// The same for an interval inside the interval `parent`.
+template <class... Args>
+std::uint64_t beginChildInterval(const SignpostLog& log, std::uint64_t parent, std::string_view format,
+                                 const Args&... args) {
+  const std::uint64_t id = log.generateID();
+  if (id != 0) log.intervalBegin(id, log.category(), formatString(format, args...), parent);
+  return id;
+}
 template <class... Args>
 void endInterval(const SignpostLog& log, std::uint64_t id, std::string_view format, const Args&... args) {
   if (id != 0) log.intervalEnd(id, log.category(), formatString(format, args...));
@@ -79,6 +87,8 @@ class Run {
       : model_(std::move(model)), observer_(std::move(observer)), streamID_(streamID) {}
 
   const InternalModel& model() const { return model_; }
+  // The run's Stream interval: the parent of its Cache and DataSource intervals.
+  std::uint64_t streamID() const { return streamID_; }
 
   void progress(JSONValue json, std::optional<JSONValue> context = std::nullopt) const {
     observer_(BrivetResult<JSONEnvelope>::progress(JSONEnvelope{std::move(json), std::move(context)}));
