@@ -2,7 +2,8 @@
 // model as a call answer: JSON text parsed, the answer read by the HTTP data
 // source, "invalidated" applied, the graph merged and the "paths" read back.
 // Every hostile kind ends at the walk budget (`failed` is 1 when the read
-// failed on it); `benign` is 1 MB of videos read back in full, for scale. The
+// failed on it); `benign` is 1 MB of videos read back in full, for scale, and
+// `deepPaths` reads a branch 500 levels deep to the bottom, over and over. The
 // time is one whole digest. Peak heap of one digest, with valgrind's massif:
 //
 //   make bench BENCH_ARGS='--benchmark_filter=BM_HostileCallAnswer'
@@ -57,7 +58,30 @@ std::string rangeFrom(std::size_t i) {
   return R"(["big",{"from":)" + std::to_string(i) + R"(,"to":9223372036854775807},"v"])";
 }
 
-enum class Kind { Benign, FanOutPaths, FanOutMisses, LongMisses, RangesOverALargeBranch, InvalidatedRanges, InvalidatedFanOut };
+// A chain of `levels` nested "d" branches ending in {"t": 1}, and the path down it.
+std::string deepChain(int levels) {
+  std::string out = R"("d": )";
+  for (int i = 1; i < levels; ++i) out += R"({"d": )";
+  out += R"({"t": 1})";
+  for (int i = 1; i < levels; ++i) out += "}";
+  return out;
+}
+std::string deepPath(int levels) {
+  std::string p = "[";
+  for (int i = 0; i < levels; ++i) p += R"("d",)";
+  return p + "\"t\"]";
+}
+
+enum class Kind {
+  Benign,
+  FanOutPaths,
+  FanOutMisses,
+  LongMisses,
+  RangesOverALargeBranch,
+  InvalidatedRanges,
+  InvalidatedFanOut,
+  DeepPaths
+};
 
 std::string hostileAnswer(Kind kind) {
   switch (kind) {
@@ -100,6 +124,9 @@ std::string hostileAnswer(Kind kind) {
     case Kind::InvalidatedFanOut:
       return std::string(R"({"jsonGraph": {)") + kCycle + R"(}, "paths": [], "invalidated": )" +
              manyPaths([](std::size_t) { return fanOutPath(500, "t"); }, kAnswerBytes) + "}";
+    case Kind::DeepPaths:  // a branch 500 levels deep, read to the bottom by every path
+      return R"({"jsonGraph": {)" + deepChain(500) + R"(}, "paths": )" +
+             manyPaths([](std::size_t) { return deepPath(500); }, kAnswerBytes) + "}";
   }
   return "{}";
 }
@@ -155,6 +182,7 @@ BENCHMARK_CAPTURE(BM_HostileCallAnswer, invalidatedRanges, Kind::InvalidatedRang
 BENCHMARK_CAPTURE(BM_HostileCallAnswer, invalidatedFanOut, Kind::InvalidatedFanOut)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_HostileCallAnswer, deepPaths, Kind::DeepPaths)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace brivet
