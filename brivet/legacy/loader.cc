@@ -3,6 +3,7 @@
 
 #include "brivet/legacy/constants.h"
 #include "brivet/legacy/internal/graph.h"
+#include "brivet/legacy/internal/walk_budget.h"
 #include "brivet/legacy/model.h"
 #include "brivet/platform/json.h"
 #include "brivet/platform/signpost.h"
@@ -16,6 +17,15 @@ Error legacyError(std::string_view message) {
 
 // An error without a message (a path-bound error that carries none).
 Error bareLegacyError() { return Error(std::string(BRIVET_ERROR_DOMAIN), BRIVET_ERROR_CODE); }
+
+// What a get or call ends with when reading its paths (or collecting their misses) went past the walk budget:
+// key sets that fan out through cycles of references, or ranges over very large branches.
+Error walkBudgetError(std::string_view method) {
+  return legacyError("BrivetModel:" + std::string(method) +
+                     " ERROR: Reading the paths went past the walk budget of the cache (" +
+                     std::to_string(internal::kWalkStepBudget) + " steps plus " +
+                     std::to_string(internal::kWalkStepsPerRequestKey) + " per key of the paths).");
+}
 
 // Completions reach the application on the main queue, asynchronously.
 void deliver(const BrivetCompletion& completion, Object result, std::optional<Error> error) {
@@ -117,15 +127,30 @@ Object BrivetModel::getKeyPaths(const std::optional<std::vector<std::string>>& k
   }
 
   switch (option) {
-    case BrivetModelOptionDefault:
+    case BrivetModelOptionDefault: {
       logDebug("getKeyPaths: %@, option: BrivetModelOptionDefault", *keyPaths);
+      bool withinBudget = true;
       queue_->sync([&] {
-        for (const std::string& keyPath : *keyPaths) {
-          const auto path = BrivetPath::withKeyPath(keyPath);
-          collectCacheMissesInto(&request->missing, path.get(), std::nullopt);
+        std::vector<std::shared_ptr<BrivetPath>> all;
+        all.reserve(keyPaths->size());
+        for (const std::string& keyPath : *keyPaths) all.push_back(BrivetPath::withKeyPath(keyPath));
+        // One budget for the whole request.
+        WalkBudget budget(internal::walkBudget(rawPaths(all)));
+        for (const auto& path : all) {
+          withinBudget = collectMisses(request->missing, path.get(), std::nullopt, budget);
+          if (!withinBudget) break;
         }
       });
+      if (!withinBudget) {
+        const Error error = walkBudgetError("getKeyPaths");
+        logError(error.localizedDescription());
+        deliver(request->completion, Object(), error);
+        endTraceForUUID(request->uuid, request->taskName, error, false, false);
+        BrivetSignpost::endStreamWithId(request->streamSignpost, false);
+        return Object();
+      }
       break;
+    }
     case BrivetModelOptionNoCache:
       logDebug("getKeyPaths: %@, option: BrivetModelOptionNoCache", *keyPaths);
       [[fallthrough]];
@@ -136,9 +161,14 @@ Object BrivetModel::getKeyPaths(const std::optional<std::vector<std::string>>& k
     case BrivetModelOptionReturnCacheDataAndFetch: {
       logDebug("getKeyPaths: %@, option: BrivetModelOptionReturnCacheDataAndFetch", *keyPaths);
       Object cached;
+      bool exceeded = false;
       const auto paths = rawPaths(request->paths);
-      queue_->sync([&] { cached = internal::getJSONForPaths(jsongModel_, paths); });
-      deliver(request->completion, std::move(cached), std::nullopt);
+      queue_->sync([&] { cached = internal::getJSONForPaths(jsongModel_, paths, &exceeded); });
+      if (exceeded) {
+        deliver(request->completion, Object(), walkBudgetError("getKeyPaths"));
+      } else {
+        deliver(request->completion, std::move(cached), std::nullopt);
+      }
       request->missing = *keyPaths;
       break;
     }
@@ -180,12 +210,14 @@ Object BrivetModel::getKeyPaths(const std::optional<std::vector<std::string>>& k
                                          : 0;
     logDebug("getKeyPaths: already have all the data");
     Object cached;
+    bool exceeded = false;
     const auto paths = rawPaths(request->paths);
-    queue_->sync([&] { cached = internal::getJSONForPaths(jsongModel_, paths); });
-    deliver(request->completion, std::move(cached), std::nullopt);
-    endTraceForUUID(request->uuid, request->taskName, std::nullopt, /*cached=*/true, /*hasExpired=*/false);
+    queue_->sync([&] { cached = internal::getJSONForPaths(jsongModel_, paths, &exceeded); });
+    const std::optional<Error> error = exceeded ? std::optional<Error>(walkBudgetError("getKeyPaths")) : std::nullopt;
+    deliver(request->completion, exceeded ? Object() : std::move(cached), error);
+    endTraceForUUID(request->uuid, request->taskName, error, /*cached=*/true, /*hasExpired=*/false);
     BrivetSignpost::endCacheWithId(cacheSignpost, 0);
-    BrivetSignpost::endStreamWithId(request->streamSignpost, true);
+    BrivetSignpost::endStreamWithId(request->streamSignpost, !exceeded);
   }
   return Object();
 }
@@ -230,7 +262,13 @@ void BrivetModel::handleGetResponse(const std::shared_ptr<GetRequest>& request, 
     root = jsongModel_;
   }
   if (request->completion) {
-    Object result = internal::getJSONForPaths(root, rawPaths(request->paths));
+    bool exceeded = false;
+    Object result = internal::getJSONForPaths(root, rawPaths(request->paths), &exceeded);
+    if (exceeded) {
+      fail(walkBudgetError("getKeyPaths"));
+      BrivetSignpost::endCacheWithId(cacheSignpost, 1);
+      return;
+    }
     if (const Dictionary* more = extra.asDictionary()) {
       Dictionary& out = *result.asMutableDictionary();
       for (const auto& [key, entry] : *more) out.setObject(entry, key);
@@ -435,9 +473,16 @@ void BrivetModel::handleCallResponse(const std::shared_ptr<CallRequest>& request
   }
   buildJSONGraph(jsongModel_, Object(), value, Object());
   if (request->completion) {
-    deliver(request->completion,
-            pathSets.empty() ? Object::mutableDictionary() : internal::getJSONForPaths(value, rawPaths(pathSets)),
-            std::nullopt);
+    bool exceeded = false;
+    Object result =
+        pathSets.empty() ? Object::mutableDictionary() : internal::getJSONForPaths(value, rawPaths(pathSets), &exceeded);
+    if (exceeded) {
+      fail(walkBudgetError("callFunction"));
+      BrivetSignpost::endCacheWithId(cacheSignpost, 1);
+      BrivetSignpost::endStreamWithId(request->streamSignpost, false);
+      return;
+    }
+    deliver(request->completion, std::move(result), std::nullopt);
   }
   endTraceForUUID(request->uuid, request->taskName, std::nullopt, false, false);
   BrivetSignpost::endCacheWithId(cacheSignpost, 1);

@@ -3,10 +3,15 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
+#include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "brivet/legacy/constants.h"
 #include "brivet/legacy/internal/graph.h"
 #include "brivet/legacy/internal/range_fragment.h"
+#include "brivet/legacy/internal/walk_budget.h"
 #include "brivet/legacy/path_reference.h"
 #include "brivet/platform/date.h"
 #include "brivet/platform/identifier.h"
@@ -271,7 +276,7 @@ void BrivetModel::mergeJSONDictionaryIntoModel(const Object& dictionary) {
 
 // --- Misses ---
 
-void BrivetModel::collectCacheMissesInto(std::vector<std::string>* cacheMisses, const BrivetPath* path,
+bool BrivetModel::collectCacheMissesInto(std::vector<std::string>* cacheMisses, const BrivetPath* path,
                                          std::optional<std::string_view> resolvedKeyPath) {
   std::vector<std::string> discarded;
   if (cacheMisses == nullptr) {
@@ -280,52 +285,81 @@ void BrivetModel::collectCacheMissesInto(std::vector<std::string>* cacheMisses, 
   }
   if (path == nullptr) {
     logInfo("BrivetModel:collectCacheMissesInto WARNING: 'path' argument not specified.");
-    return;
+    return true;
   }
-  collectMisses(*cacheMisses, path,
-                resolvedKeyPath ? std::optional<std::string>(std::string(*resolvedKeyPath)) : std::nullopt);
+  const BrivetPathProtocol* paths[] = {path};
+  WalkBudget budget(internal::walkBudget(paths));
+  return collectMisses(*cacheMisses, path,
+                       resolvedKeyPath ? std::optional<std::string>(std::string(*resolvedKeyPath)) : std::nullopt,
+                       budget);
 }
 
-void BrivetModel::collectMisses(std::vector<std::string>& misses, const BrivetPath* path,
-                                std::optional<std::string> prefix) {
+namespace {
+std::size_t fragmentCount(std::string_view keyPath) {
+  return static_cast<std::size_t>(std::count(keyPath.begin(), keyPath.end(), '.')) + 1;
+}
+}  // namespace
+
+bool BrivetModel::collectMisses(std::vector<std::string>& misses, const BrivetPath* path,
+                                std::optional<std::string> prefix, WalkBudget& budget) {
+  // Looking up "prefix.first" from the root is looking up "first" on the node at "prefix": the node is looked up
+  // once, then each plain fragment steps down from it, so a long path costs its length, not its length squared.
   // Plain fragments walk down in a loop; only a range fragment recurses (once per present index).
+  Object node = jsongModel_;
+  std::size_t depth = 0;  // fragments in `prefix`, for the budget of a missing key path
+  if (prefix) {
+    depth = fragmentCount(*prefix);
+    if (!budget.spend(depth)) return false;
+    node = jsongModel_.valueForKeyPath(*prefix);
+  }
   while (path != nullptr && path->pathCount() > 0) {
+    if (!budget.spend(1)) return false;
     const std::string& first = path->pathFragments().front();
     const BrivetPath* next = path->nextPathFragment().get();
-    if (internal::containsRangeMarker(first)) {
-      collectRangeMisses(misses, first, next, prefix);
-      return;
-    }
-    std::string candidate = prefix ? *prefix + "." + first : first;
-    const Object value = jsongModel_.valueForKeyPath(candidate);
+    if (internal::containsRangeMarker(first)) return collectRangeMisses(misses, first, next, prefix, node, budget);
+    const Object value = node.valueForKeyPath(first);
+    std::string candidate = prefix ? std::move(*prefix) + "." + first : first;
+    ++depth;
     const BrivetPathReference* reference = BrivetPathReference::cast(value);
     if (value.isNil() || (reference == nullptr && isLeafNodeExpired(value))) {
+      if (!budget.spend(depth + (next != nullptr ? next->pathCount() : 0))) return false;
       if (next != nullptr) candidate += "." + std::string(next->keyPath());
       misses.push_back(std::move(candidate));
-      return;
+      return true;
     }
-    prefix = reference != nullptr ? reference->keyPath() : std::move(candidate);
+    if (reference != nullptr) {
+      prefix = reference->keyPath();
+      depth = fragmentCount(*prefix);
+      if (!budget.spend(depth)) return false;
+      node = jsongModel_.valueForKeyPath(*prefix);
+    } else {
+      prefix = std::move(candidate);
+      node = value;
+    }
     path = next;
   }
+  return true;
 }
 
-void BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment,
-                                     const BrivetPath* next, const std::optional<std::string>& prefix) {
+bool BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment,
+                                     const BrivetPath* next, const std::optional<std::string>& prefix,
+                                     const Object& base, WalkBudget& budget) {
   const auto match = internal::matchRangeFragment(fragment, /*anchored=*/false);
   if (!match) {
     logInfo("Error parsing @range(x,y) path fragment.");
-    return;
+    return true;
   }
   const std::int64_t from = internal::parseInt32Saturating(match->from);
   const std::int64_t to = internal::parseInt32Saturating(match->to);
-  if (from > to) return;
+  if (from > to) return true;
   // Without a resolved prefix the indices are keys of the root itself.
   const std::string head = prefix ? *prefix + "." : std::string();
   const std::string rest = next != nullptr ? "." + std::string(next->keyPath()) : std::string();
-  // Looking up "prefix.i" from the root is looking up "i" on the node at "prefix".
-  const Object base = prefix ? jsongModel_.valueForKeyPath(*prefix) : jsongModel_;
+  // A missing key path is written out: its fragments are steps.
+  const std::size_t missCost = (prefix ? fragmentCount(*prefix) : 0) + 1 + (next != nullptr ? next->pathCount() : 0);
 
   auto missingRun = [&](std::int64_t first, std::int64_t last) {
+    if (!budget.spend(missCost)) return false;
     if (first == last) {
       misses.push_back(head + indexText(first) + rest);
     } else {
@@ -333,11 +367,12 @@ void BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::stri
                                               next != nullptr ? next->keyPath() : std::string_view());
       misses.push_back(prefix ? *prefix + ranged : ranged.substr(1));
     }
+    return true;
   };
   auto present = [&](std::int64_t i, const Object& value) {
-    if (next == nullptr) return;
+    if (next == nullptr) return true;
     const BrivetPathReference* reference = BrivetPathReference::cast(value);
-    collectMisses(misses, next, reference != nullptr ? reference->keyPath() : head + indexText(i));
+    return collectMisses(misses, next, reference != nullptr ? reference->keyPath() : head + indexText(i), budget);
   };
 
   // A range wider than the node is answered from the node's own keys, so its cost is what the cache holds.
@@ -349,22 +384,24 @@ void BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::stri
   if (!sparse) {
     std::optional<std::int64_t> runStart;
     for (std::int64_t i = from; i <= to; ++i) {
+      if (!budget.spend(1)) return false;
       const Object value = base.valueForKey(indexText(i));
       if (value.isNil()) {
         if (!runStart) {
           runStart = i;
-          misses.push_back(head + indexText(i) + rest);
+          if (!missingRun(i, i)) return false;
         } else {
           misses.pop_back();
-          missingRun(*runStart, i);
+          if (!missingRun(*runStart, i)) return false;
         }
         continue;
       }
       runStart.reset();
-      present(i, value);
+      if (!present(i, value)) return false;
     }
-    return;
+    return true;
   }
+  if (keys != nullptr && !budget.spend(keys->size())) return false;
   std::vector<std::pair<std::int64_t, Object>> found;
   if (keys != nullptr) {
     for (const auto& [key, value] : *keys) {
@@ -375,14 +412,35 @@ void BrivetModel::collectRangeMisses(std::vector<std::string>& misses, std::stri
   std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   std::int64_t cursor = from;
   for (const auto& [index, value] : found) {
-    if (index > cursor) missingRun(cursor, index - 1);
-    present(index, value);
+    if (index > cursor && !missingRun(cursor, index - 1)) return false;
+    if (!present(index, value)) return false;
     cursor = index + 1;
   }
-  if (cursor <= to) missingRun(cursor, to);
+  return cursor > to || missingRun(cursor, to);
 }
 
 // --- Merging ---
+
+// The (graph node, JSON node) pairs one merge has merged. Merging a pair again adds nothing (its values are written,
+// its references built), and references that lead to the same targets would otherwise merge them over and over:
+// a response of a few hundred bytes whose references fan out level by level costs exponential time. The objects
+// are held, so that no address is reused by another object while the merge runs.
+struct BrivetModel::MergeVisits {
+  struct PairHash {
+    std::size_t operator()(const std::pair<const void*, const void*>& p) const {
+      return std::hash<const void*>()(p.first) * 31 + std::hash<const void*>()(p.second);
+    }
+  };
+  bool first(const Object& graphNode, const Object& jsonNode) {
+    if (!seen.emplace(graphNode.impl().get(), jsonNode.impl().get()).second) return false;
+    held.push_back(graphNode);
+    held.push_back(jsonNode);
+    return true;
+  }
+  std::unordered_set<std::pair<const void*, const void*>, PairHash> seen;
+  std::vector<Object> held;
+  std::size_t* leftOut = nullptr;  // when given, counts the entries the merge does not store
+};
 
 void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jsonGraphNode, const Object& json,
                                  const Object& jsonNode) {
@@ -393,19 +451,20 @@ void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jso
   // The merge makes the JSON it reads writable as it goes (and stores references into it): it needs a writable
   // root to start from.
   const Object root = writable(json);
+  MergeVisits visits;
   mergeNode(jsonGraphModel, jsonGraphNode, root, jsonNode.isNil() || jsonNode.isIdentical(json) ? root : jsonNode, 0,
-            nullptr);
+            visits);
 }
 
 void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, const Object& jsonRoot,
-                            const Object& jsonNodeIn, std::size_t depth, std::size_t* leftOut) {
+                            const Object& jsonNodeIn, std::size_t depth, MergeVisits& visits) {
   if (depth > internal::kMaxMergeDepth) return;
   Object graphNode = graphNodeIn.isNil() ? graphRoot : graphNodeIn;
   Object jsonNode = jsonNodeIn.isNil() ? jsonRoot : jsonNodeIn;
   if (const BrivetPathReference* r = BrivetPathReference::cast(graphNode)) graphNode = r->hardReference();
   if (const BrivetPathReference* r = BrivetPathReference::cast(jsonNode)) jsonNode = r->hardReference();
   const Dictionary* source = jsonNode.asDictionary();
-  if (source == nullptr) return;
+  if (source == nullptr || !visits.first(graphNode, jsonNode)) return;
   const bool sameNode = graphNode.isIdentical(jsonNode);
   // A snapshot of the keys: merging may replace values of this node (and, through references, of others).
   for (const Object& key : source->allKeys()) {
@@ -418,7 +477,7 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
     }
     if (const Array* array = value.asArray()) {
       if (!array->empty() && (*array)[0].isString()) {
-        mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth, leftOut);
+        mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth, visits);
       } else if (!sameNode) {
         setChild(graphNode, key,
                  keyEquals(key, BRIVET_NODE_PROFILES_KEY) ? arrayByReplacingNullsWithBlanks(value) : value);
@@ -428,25 +487,25 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
         makeNestedWritable(value);
         setChild(graphNode, key, convertLeafToAbsoluteExpiration(value));
       } else if (sameNode) {
-        mergeNode(graphRoot, value, jsonRoot, value, depth + 1, leftOut);
+        mergeNode(graphRoot, value, jsonRoot, value, depth + 1, visits);
       } else {
         const Object existing = childOf(graphNode, key);
         if (existing.isNil()) {
           setChild(graphNode, key, value);
-          mergeNode(graphRoot, value, jsonRoot, value, depth + 1, leftOut);
+          mergeNode(graphRoot, value, jsonRoot, value, depth + 1, visits);
         } else if (!existing.isDictionary() || isFrozenDictionary(existing)) {
           // Not a dictionary (or, had one slipped in, an immutable one): a writable node takes its place.
           const Object fresh = existing.isDictionary() ? existing.mutableCopy() : Object::mutableDictionary();
           setChild(graphNode, key, fresh);
-          mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1, leftOut);
+          mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1, visits);
         } else {
-          mergeNode(graphRoot, existing, jsonRoot, value, depth + 1, leftOut);
+          mergeNode(graphRoot, existing, jsonRoot, value, depth + 1, visits);
         }
       }
     } else if (value.isString() || value.isNumber()) {
       setChild(graphNode, key, keyEquals(key, BRIVET_NODE_EXPIRES_KEY) ? convertToAbsoluteExpiration(value) : value);
-    } else if (leftOut != nullptr && !sameNode && !value.isCustom()) {
-      ++*leftOut;  // (a node adopted as a whole keeps such values as they are)
+    } else if (visits.leftOut != nullptr && !sameNode && !value.isCustom()) {
+      ++*visits.leftOut;  // (a node adopted as a whole keeps such values as they are)
     }
     // Anything else (null, a reference already built, dates, data) is not part of a response graph: ignored.
   }
@@ -454,7 +513,7 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
 
 void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot,
                                  const Object& jsonNode, const Object& key, const Object& path, std::size_t depth,
-                                 std::size_t* leftOut) {
+                                 MergeVisits& visits) {
   const std::string keyPath = internal::joinDescriptions(path, BRIVET_KEY_PATH_SEPARATOR);
   const Object graphTarget = graphRoot.valueForKeyPath(keyPath);
   const Object jsonTarget = writableValueForKeyPath(jsonRoot, keyPath);
@@ -463,8 +522,8 @@ void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNod
     // own value under the key).
     if (!graphTarget.isNil()) {
       setChild(jsonNode, key, graphTarget);
-    } else if (leftOut != nullptr && !graphNode.isIdentical(jsonNode)) {
-      ++*leftOut;  // a reference to nothing is not stored (a node adopted as a whole keeps it as a list)
+    } else if (visits.leftOut != nullptr && !graphNode.isIdentical(jsonNode)) {
+      ++*visits.leftOut;  // a reference to nothing is not stored (a node adopted as a whole keeps it as a list)
     }
     return;
   }
@@ -472,9 +531,9 @@ void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNod
   setChild(graphNode, key, reference);
   setChild(jsonNode, key, reference);
   if (graphTarget.isNil()) {
-    mergeNode(graphRoot, jsonTarget, jsonRoot, jsonTarget, depth + 1, leftOut);
+    mergeNode(graphRoot, jsonTarget, jsonRoot, jsonTarget, depth + 1, visits);
   } else if (!graphTarget.isArray()) {
-    mergeNode(graphRoot, graphTarget, jsonRoot, jsonTarget, depth + 1, leftOut);
+    mergeNode(graphRoot, graphTarget, jsonRoot, jsonTarget, depth + 1, visits);
   }
 }
 
@@ -564,7 +623,9 @@ bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::op
   }
   *report = BrivetRestoreReport();
   queue_->syncBarrier([&] {
-    mergeNode(jsongModel_, Object(), graph, Object(), 0, &report->leftOut);
+    MergeVisits visits;
+    visits.leftOut = &report->leftOut;
+    mergeNode(jsongModel_, Object(), graph, Object(), 0, visits);
     // The snapshot's nodes are the cache's now: its leaves are the ones restored.
     if (isCacheExpirationEnabled()) report->expiredLeaves = countExpiredLeaves(graph, 0);
   });

@@ -42,6 +42,7 @@
 
 namespace brivet {
 
+
 // What restoring a snapshot left out, for callers that ask (`deserializeCache`).
 struct BrivetRestoreReport {
   // Entries not stored: values that are no part of a graph (nulls), and references whose target neither the
@@ -126,8 +127,9 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
 
   // --- Cache primitives. The caller runs them inside blocks of the queue (sync for misses, barrier for merges).
   // Appends the key paths of `path` that are missing or expired below `resolvedKeyPath` (the root when absent).
-  // Consecutive missing indices of a range collapse into one ranged key path.
-  void collectCacheMissesInto(std::vector<std::string>* cacheMisses, const BrivetPath* path,
+  // Consecutive missing indices of a range collapse into one ranged key path. Answers false when the walk went
+  // past its budget (internal/graph.h: the path fans out through references); what was collected stays.
+  bool collectCacheMissesInto(std::vector<std::string>* cacheMisses, const BrivetPath* path,
                               std::optional<std::string_view> resolvedKeyPath);
   // Merges the JSON node (default: the JSON root) into the graph node (default: the graph root).
   void buildJSONGraph(const Object& jsonGraphModel, const Object& jsonGraphNode, const Object& json,
@@ -174,14 +176,18 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   bool isCacheExpirationEnabled();
 
   Object safeValueForKeyPath(std::string_view keyPath);
-  void collectMisses(std::vector<std::string>& misses, const BrivetPath* path, std::optional<std::string> prefix);
-  void collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment, const BrivetPath* next,
-                          const std::optional<std::string>& prefix);
-  // `leftOut`, when given, counts the entries the merge does not store.
+  // Both answer false once `budget` is spent. `base` is the node `prefix` names.
+  struct WalkBudget;  // the steps one miss collection may still take (internal/walk_budget.h)
+  bool collectMisses(std::vector<std::string>& misses, const BrivetPath* path, std::optional<std::string> prefix,
+                     WalkBudget& budget);
+  bool collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment, const BrivetPath* next,
+                          const std::optional<std::string>& prefix, const Object& base, WalkBudget& budget);
+  // The node pairs one merge has merged, and (when a restore asks) the count of entries it does not store.
+  struct MergeVisits;
   void mergeNode(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot, const Object& jsonNode,
-                 std::size_t depth, std::size_t* leftOut);
+                 std::size_t depth, MergeVisits& visits);
   void mergeReference(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot, const Object& jsonNode,
-                      const Object& key, const Object& path, std::size_t depth, std::size_t* leftOut);
+                      const Object& key, const Object& path, std::size_t depth, MergeVisits& visits);
   std::size_t countExpiredLeaves(const Object& node, std::size_t depth);
 
   // Loader.

@@ -25,6 +25,24 @@
 // install a `MainQueueExecutor` (an app forwards blocks to its UI thread), or
 // call `drain()` / `runUntil()` on the thread that owns the main queue (tests
 // and command-line tools do this to wait for completions).
+//
+// What every model in the process shares, and what each has to itself (so
+// that one model digesting a slow or hostile answer stalls no other):
+//  * Shared: the worker pool; the main queue (completions and stream events);
+//    the core's process-wide serial task queue (`taskQueue()`,
+//    core/model/stream.h), which runs only quick tasks: a data source handing a
+//    request to the HTTP client; the core's process-wide concurrent cache queue
+//    (`cacheQueue()`, core/cache/cache.h): every core cache's writes are
+//    barriers on it, and a read that must see earlier writes waits for them
+//    there (an empty `sync`) before it walks, outside the queue. A write holds
+//    back what is queued behind it while it runs: a merge costs what the
+//    answer holds, an invalidation at most its walk budget.
+//  * Per model: a core model's serial operation queue (`Model::operationQueue`,
+//    core/model/model.h), where its operations run and its answers are read
+//    and digested; a legacy model's concurrent queue (legacy/model.h), where
+//    its cache is read and written.
+// A block that runs long holds one worker; the pool grows past a worker that
+// waits in `sync`, but not past one that computes.
 #pragma once
 
 #include <chrono>

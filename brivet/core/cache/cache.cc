@@ -17,6 +17,7 @@ using internal::Slot;
 using internal::SlotRef;
 
 const std::shared_ptr<DispatchQueue>& cacheQueue() {
+  // Shared by every core cache of the process: only writes run here (see cache.h).
   // Made on first use and never destroyed: blocks may still run while the process exits.
   static const auto* queue = new std::shared_ptr<DispatchQueue>(
       DispatchQueue::concurrent(std::string(kReverseDomain) + ".cache.queue." + UUID::random().uuidString()));

@@ -7,8 +7,8 @@
 //    caller's thread without taking any queue: they read the current graph
 //    snapshot, so a read never sees half a write and never waits for one. A
 //    caller that must see every write requested before it (the get pipeline's
-//    re-read after a merge) runs the read inside `cacheQueue()->sync(...)`,
-//    which waits for earlier barrier blocks.
+//    re-read after a merge) first waits for earlier barrier blocks with an
+//    empty `cacheQueue()->sync(...)`, then reads.
 //  * Writes (`merge`, `invalidate`, `setCache`) return at once after putting
 //    one barrier block on the process-wide `cacheQueue()`; writes therefore
 //    apply one at a time in submission order. Each block holds the cache
@@ -21,11 +21,28 @@
 // operations and every model derived from it. All members may be called from
 // any thread.
 //
-// A walk follows at most `kMaxReferencesFollowed` references along one chain, so a
-// cycle cannot hang a read, an extraction or an invalidation. A value read
-// reports a path that goes past the bound as a path-bound error (its value is
-// {"message": "reference chain longer than 1024"}); an extraction, and so an
-// invalidation, stops following there and keeps what it gathered.
+// Walks are bounded by what the graph holds and by a budget:
+//
+//  * A range costs what the branch under it holds, never its width: a range
+//    wider than the branch is answered from the branch's own integer keys, and
+//    indices that are absent are reported back as ranges ("@range(10,99)"),
+//    one missing path per run rather than one per index.
+//  * A walk follows at most `kMaxReferencesFollowed` references along one
+//    chain. A value read reports a path that goes past the bound as a
+//    path-bound error (its value is {"message": "reference chain longer than
+//    1024"}); an extraction, and so an invalidation, stops following there
+//    and keeps what it gathered.
+//  * The walks of one read, extraction or invalidation together take at most
+//    `walkBudget(tree)` steps: `kWalkStepBudget` plus
+//    `kWalkStepsPerRequestKey` for every key the request names. A step is one
+//    key looked up in a branch, one reference followed, or one key of a
+//    missing or reference path written out. Key sets that fan out through
+//    cycles of references would otherwise cost exponentially more than the
+//    request and the graph together. Past the budget a value read fails with
+//    a path-bound error whose value is {"message": "walk exceeded its budget
+//    of N steps"}; an extraction ends with what it gathered, like a cycle (and
+//    fails when that is nothing: a snapshot then holds the whole graph); an
+//    invalidation removes what it met before the budget ran out.
 #pragma once
 
 #include <cstddef>
@@ -49,9 +66,20 @@ namespace brivet {
 
 // References followed along one chain of one walk before it gives up.
 inline constexpr std::size_t kMaxReferencesFollowed = 1024;
+// The steps every walk may take, and the steps added per key of its request.
+inline constexpr std::size_t kWalkStepBudget = std::size_t{1} << 18;
+inline constexpr std::size_t kWalkStepsPerRequestKey = 4;
+// The step budget of one walk over `tree`: kWalkStepBudget plus
+// kWalkStepsPerRequestKey per key the tree names (a range counts as one key).
+std::size_t walkBudget(const PathTree& tree);
+std::size_t walkBudget(const std::vector<Path>& paths);
+// Whether a read failed because its walk went past its budget.
+bool exceedsWalkBudget(const BrivetError& error);
 
 // The process-wide concurrent queue of every cache's writes, labelled with the
 // library's identifier, ".cache.queue." and a fresh UUID; made on first use.
+// Shared by every core model in the process: nothing but the writes
+// themselves (and empty blocks that wait for them) runs on it.
 const std::shared_ptr<DispatchQueue>& cacheQueue();
 
 // What a value read found: the values (an object keyed like the request), the

@@ -124,14 +124,15 @@ TEST_F(CacheReadTest, AWholeRecordAndAPartOfItReadTheSame) {
 TEST_F(CacheReadTest, AbsentKeysAreMissingAsRequestedAndAsTheyLieInTheGraph) {
   const CacheValues r = read(*catalogue_, {"lists.top.@range(2,4).title", "nothing.here"});
   EXPECT_EQ(r.value, value(R"({"lists": {"top": {"2": {"title": "Title 2"}}}})"));
-  EXPECT_EQ(r.missingPathTree, tree({"lists.top.3.title", "lists.top.4.title", "nothing.here"}));
-  EXPECT_EQ(r.missingOptimizedPathTree, tree({"lists.top.3.title", "lists.top.4.title", "nothing.here"}));
+  // Absent indices of a range come back as one range per run.
+  EXPECT_EQ(r.missingPathTree, tree({"lists.top.@range(3,4).title", "nothing.here"}));
+  EXPECT_EQ(r.missingOptimizedPathTree, tree({"lists.top.@range(3,4).title", "nothing.here"}));
 }
 
 TEST_F(CacheReadTest, AllKeysAbsentGiveAnEmptyObjectAtTheirLevel) {
   const CacheValues r = read(*catalogue_, {"videos.@range(100,101)"});
   EXPECT_EQ(r.value, value(R"({"videos": {}})"));
-  EXPECT_EQ(r.missingPathTree, tree({"videos.100", "videos.101"}));
+  EXPECT_EQ(r.missingPathTree, tree({"videos.@range(100,101)"}));
 }
 
 TEST_F(CacheReadTest, AReferenceToAnAbsentTargetReportsTheTarget) {

@@ -84,14 +84,19 @@ Object argumentsParameter(const std::optional<JSONGraph>& args) {
 
 std::shared_ptr<HTTPDataSource> HTTPDataSource::create(std::string url,
                                                        std::weak_ptr<HTTPClientProtocol> httpClientDelegate,
-                                                       std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate) {
+                                                       std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate,
+                                                       std::shared_ptr<DispatchQueue> answerQueue) {
   return std::make_shared<HTTPDataSource>(Passkey{}, std::move(url), std::move(httpClientDelegate),
-                                          std::move(loggingDelegate));
+                                          std::move(loggingDelegate), std::move(answerQueue));
 }
 
 HTTPDataSource::HTTPDataSource(Passkey, std::string url, std::weak_ptr<HTTPClientProtocol> httpClientDelegate,
-                               std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate)
-    : url_(std::move(url)), httpClientDelegate_(std::move(httpClientDelegate)), loggingDelegate_(loggingDelegate) {}
+                               std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate,
+                               std::shared_ptr<DispatchQueue> answerQueue)
+    : url_(std::move(url)),
+      httpClientDelegate_(std::move(httpClientDelegate)),
+      answerQueue_(answerQueue != nullptr ? std::move(answerQueue) : makeTaskQueue()),
+      loggingDelegate_(loggingDelegate) {}
 
 std::shared_ptr<DataSourceLoggingDelegate> HTTPDataSource::loggingDelegate() const {
   MutexLock lock(mu_);
@@ -200,7 +205,7 @@ std::shared_ptr<Stream<Response>> HTTPDataSource::send(Method method, Object par
           observer(Result::failure(BrivetError::responseDataSourceFailed(DataSourceFailureReason::httpClientNil())));
           return;
         }
-        slot->store(answers->observeOn(taskQueue())
+        slot->store(answers->observeOn(self->answerQueue_)
                         ->subscribe([self, method, start, observer, slot](const BrivetResult<Object>& result) {
                           if (const Object* answer = result.value()) {
                             const std::chrono::duration<double> elapsed = dateNow() - start;

@@ -21,7 +21,8 @@
 // other failure passes through unchanged.
 //
 // Streams deliver on the main queue unless re-targeted; the client's responses
-// are read on the core's task queue. Ownership: made by `create` and shared;
+// are read on a serial queue of the data source's own or its model's (never on
+// a queue every model shares), so reading a large answer holds up no other model. Ownership: made by `create` and shared;
 // the client and the logging delegate are held weakly. Thread safety: every
 // member may be called from any thread.
 #pragma once
@@ -43,11 +44,14 @@ class HTTPDataSource final : public DataSource, public std::enable_shared_from_t
   struct Passkey {};
 
  public:
+  // `answerQueue` is the serial queue the client's answers are read on (a
+  // model passes its operation queue); without one the data source makes its own.
   static std::shared_ptr<HTTPDataSource> create(std::string url,
                                                 std::weak_ptr<HTTPClientProtocol> httpClientDelegate = {},
-                                                std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate = {});
+                                                std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate = {},
+                                                std::shared_ptr<DispatchQueue> answerQueue = nullptr);
   HTTPDataSource(Passkey, std::string url, std::weak_ptr<HTTPClientProtocol> httpClientDelegate,
-                 std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate);
+                 std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate, std::shared_ptr<DispatchQueue> answerQueue);
 
   const std::string& url() const { return url_; }
   std::shared_ptr<HTTPClientProtocol> httpClientDelegate() const { return httpClientDelegate_.lock(); }
@@ -83,6 +87,7 @@ class HTTPDataSource final : public DataSource, public std::enable_shared_from_t
 
   const std::string url_;
   const std::weak_ptr<HTTPClientProtocol> httpClientDelegate_;
+  const std::shared_ptr<DispatchQueue> answerQueue_;  // where the client's answers are read
   mutable Mutex mu_;
   std::weak_ptr<DataSourceLoggingDelegate> loggingDelegate_ BRIVET_GUARDED_BY(mu_);
 };

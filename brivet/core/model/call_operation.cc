@@ -63,7 +63,7 @@ void runCall(const CallOperation& operation, std::uint64_t streamID,
   run->beginDataSource("call", run->functionPath);
   std::shared_ptr<Stream<DataSourceCallResponse>> responses =
       dataSource->call(operation.path(), operation.args(), operation.refSuffixes(), operation.thisPaths())
-          ->observeOn(taskQueue());
+          ->observeOn(operation.model().operationQueue());
   slot->store(responses->subscribe(
       [run](const BrivetResult<DataSourceCallResponse>& result) { handleResponse(*run, result); }));
 }
@@ -87,7 +87,7 @@ std::shared_ptr<Stream<JSONEnvelope>> CallOperation::asStream() const {
       [operation = *this, streamID, slot](Stream<JSONEnvelope>::Observer observer) {
         runCall(operation, streamID, slot, std::move(observer));
       },
-      [slot] { slot->cancel(); });
+      [slot] { slot->cancel(); }, /*isUnsubscribed=*/false, DispatchQueue::main(), model_.operationQueue());
 }
 
 }  // namespace brivet

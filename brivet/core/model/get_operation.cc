@@ -77,7 +77,7 @@ void runGet(const GetOperation& operation, std::uint64_t streamID,
   run->requested = internal::tracedKeyPaths(missingOptimized);
   run->beginDataSource("get", run->requested);
   std::shared_ptr<Stream<DataSourceResponse>> responses =
-      model.dataSource()->get(missingOptimized)->observeOn(taskQueue());
+      model.dataSource()->get(missingOptimized)->observeOn(model.operationQueue());
   slot->store(
       responses->subscribe([run](const BrivetResult<DataSourceResponse>& result) { handleResponse(*run, result); }));
 }
@@ -111,7 +111,7 @@ std::shared_ptr<Stream<JSONEnvelope>> GetOperation::asStream() const {
       [operation = *this, streamID, slot](Stream<JSONEnvelope>::Observer observer) {
         runGet(operation, streamID, slot, std::move(observer));
       },
-      [slot] { slot->cancel(); });
+      [slot] { slot->cancel(); }, /*isUnsubscribed=*/false, DispatchQueue::main(), model_.operationQueue());
 }
 
 }  // namespace brivet

@@ -4,12 +4,13 @@
 
 #include "brivet/core/model/internal/operation_support.h"
 #include "brivet/core/model/operations.h"
+#include "brivet/core/model/stream.h"
 #include "brivet/platform/precondition.h"
 
 namespace brivet {
 
 InternalModel Model::internalModel() const {
-  return InternalModel(cache(), dataSource(), maxRetries(), loggingDelegate());
+  return InternalModel(cache(), dataSource(), maxRetries(), loggingDelegate(), operationQueue());
 }
 
 GetOperation Model::get(PathTree pathTree) const { return GetOperation(internalModel(), std::move(pathTree)); }
@@ -27,11 +28,13 @@ CacheEnvelope Model::getCache(const std::optional<PathTree>& pathTree) const {
 }
 
 InternalModel::InternalModel(std::shared_ptr<CacheProtocol> cache, std::shared_ptr<DataSource> dataSource,
-                             std::int64_t maxRetries, std::weak_ptr<LoggingDelegate> loggingDelegate)
+                             std::int64_t maxRetries, std::weak_ptr<LoggingDelegate> loggingDelegate,
+                             std::shared_ptr<DispatchQueue> operationQueue)
     : cache_(std::move(cache)),
       dataSource_(std::move(dataSource)),
       maxRetries_(maxRetries),
-      loggingDelegate_(std::move(loggingDelegate)) {
+      loggingDelegate_(std::move(loggingDelegate)),
+      operationQueue_(operationQueue != nullptr ? std::move(operationQueue) : makeTaskQueue()) {
   BRIVET_PRECONDITION(cache_ != nullptr, "a model needs a cache");
 }
 

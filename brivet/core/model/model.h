@@ -13,9 +13,14 @@
 // "dataSource failure: ...") through `logError`, after answering true to
 // `enableLogging`. `Brivet::createModel` builds a model over a new cache.
 //
+// Each model has its own serial operation queue: its operations' tasks and
+// the handlers of their data-source answers run there, one at a time and in
+// subscription order, so one model digesting a slow answer never holds up
+// another model (copies of a model share its queue).
+//
 // Ownership: the delegate belongs to the application and is held weakly.
 // Thread safety: models are values; copy them and call them from any thread.
-// Delegates are called from the core's task queue.
+// Delegates are called from the model's operation queue.
 #pragma once
 
 #include <cstdint>
@@ -29,6 +34,7 @@
 #include "brivet/core/datasource/data_source.h"
 #include "brivet/core/values/json_graph.h"
 #include "brivet/core/values/path_tree.h"
+#include "brivet/platform/dispatch_queue.h"
 
 namespace brivet {
 
@@ -56,6 +62,8 @@ class Model {
   virtual const std::shared_ptr<DataSource>& dataSource() const = 0;  // nullptr: cache only
   virtual std::int64_t maxRetries() const = 0;
   virtual std::shared_ptr<LoggingDelegate> loggingDelegate() const = 0;
+  // The serial queue this model's operations run on (labelled like `taskQueue()`).
+  virtual const std::shared_ptr<DispatchQueue>& operationQueue() const = 0;
 
   // Operations over this model (see operations.h): a plain get, a set that is
   // not progressive, a call with its four arguments.
@@ -79,14 +87,16 @@ class Model {
 
 class InternalModel final : public Model {
  public:
-  // Precondition: `cache` is not null.
+  // Precondition: `cache` is not null. Without an `operationQueue` the model makes its own.
   explicit InternalModel(std::shared_ptr<CacheProtocol> cache, std::shared_ptr<DataSource> dataSource = nullptr,
-                         std::int64_t maxRetries = 0, std::weak_ptr<LoggingDelegate> loggingDelegate = {});
+                         std::int64_t maxRetries = 0, std::weak_ptr<LoggingDelegate> loggingDelegate = {},
+                         std::shared_ptr<DispatchQueue> operationQueue = nullptr);
 
   const std::shared_ptr<CacheProtocol>& cache() const override { return cache_; }
   const std::shared_ptr<DataSource>& dataSource() const override { return dataSource_; }
   std::int64_t maxRetries() const override { return maxRetries_; }
   std::shared_ptr<LoggingDelegate> loggingDelegate() const override { return loggingDelegate_.lock(); }
+  const std::shared_ptr<DispatchQueue>& operationQueue() const override { return operationQueue_; }
 
   // The operations' error lines: to the delegate when it is set and enabled.
   void logError(const std::string& message) const;
@@ -96,6 +106,7 @@ class InternalModel final : public Model {
   std::shared_ptr<DataSource> dataSource_;
   std::int64_t maxRetries_;
   std::weak_ptr<LoggingDelegate> loggingDelegate_;
+  std::shared_ptr<DispatchQueue> operationQueue_;
 };
 
 // The core's factories.

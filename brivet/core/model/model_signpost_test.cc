@@ -72,7 +72,8 @@ class ModelSignpostTest : public ::testing::Test {
     bool done = false;
     auto subscription = stream.subscribeWithProgressBlock(nullptr, [&](const std::optional<Error>&) { done = true; });
     ASSERT_TRUE(DispatchQueue::main()->runUntil([&] { return done; }, 10s));
-    taskQueue()->sync([] {});  // intervals close on the task queue after the event is handed over
+    // Intervals close on the model's operation queue after the event is handed over.
+    model_->internalModel().operationQueue()->sync([] {});
   }
 
   std::shared_ptr<CapturingSink> sink_ = std::make_shared<CapturingSink>();

@@ -279,9 +279,10 @@ TEST(TovModelStressTest, OperationsFromSeveralThreadsEndOnceAndReleaseEverything
   ASSERT_TRUE(finished) << outstanding << " subscriptions never ended";
 
   // Let cancelled requests and late answers run out, then check every subscription.
+  const std::shared_ptr<DispatchQueue> modelQueue = model->internalModel().operationQueue();
   for (int round = 0; round < 10; ++round) {
     bool flushed = false;
-    taskQueue()->async([&] { DispatchQueue::main()->async([&] { flushed = true; }); });
+    modelQueue->async([&] { taskQueue()->async([&] { DispatchQueue::main()->async([&] { flushed = true; }); }); });
     DispatchQueue::main()->runUntil([&] { return flushed; }, 10s);
   }
   int cancelled = 0;

@@ -68,12 +68,15 @@ class TovModelTest : public ::testing::Test {
   }
 
   static bool waitFor(const std::function<bool()>& done) { return DispatchQueue::main()->runUntil(done, 10s); }
-  // Lets every hop of a request (task queue, cache queue, main queue) run out.
-  static void settle() {
+  // Lets every hop of a request (the model's queue, the task queue, the cache queue, the main queue) run out.
+  void settle() {
+    const std::shared_ptr<DispatchQueue> modelQueue = model_->internalModel().operationQueue();
     for (int round = 0; round < 6; ++round) {
       bool flushed = false;
-      taskQueue()->async(
-          [&] { cacheQueue()->asyncBarrier([&] { DispatchQueue::main()->async([&] { flushed = true; }); }); });
+      modelQueue->async([&] {
+        taskQueue()->async(
+            [&] { cacheQueue()->asyncBarrier([&] { DispatchQueue::main()->async([&] { flushed = true; }); }); });
+      });
       waitFor([&] { return flushed; });
     }
   }
@@ -290,7 +293,8 @@ TEST_F(TovModelTest, NetworkTimingsNeedBothLoggingSwitches) {
 TEST_F(TovModelTest, CancellingBeforeTheTaskRunsSendsNothing) {
   std::mutex gate;
   gate.lock();
-  taskQueue()->async([&] { std::lock_guard<std::mutex> hold(gate); });  // keeps the task queue busy
+  // Keeps the model's queue busy.
+  model_->internalModel().operationQueue()->async([&] { std::lock_guard<std::mutex> hold(gate); });
   Events events;
   auto subscription = subscribe(model_->getWithKeyPaths({"lists.top.1.title"})->asStream(), events);
   subscription->cancel();

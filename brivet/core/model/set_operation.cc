@@ -64,7 +64,7 @@ void runSet(const SetOperation& operation, std::uint64_t streamID,
   run->written = std::move(read.value);
   run->beginDataSource("set", run->paths);
   std::shared_ptr<Stream<DataSourceResponse>> responses =
-      model.dataSource()->set(operation.jsonGraph())->observeOn(taskQueue());
+      model.dataSource()->set(operation.jsonGraph())->observeOn(model.operationQueue());
   slot->store(
       responses->subscribe([run](const BrivetResult<DataSourceResponse>& result) { handleResponse(*run, result); }));
 }
@@ -88,7 +88,7 @@ std::shared_ptr<Stream<JSONEnvelope>> SetOperation::asStream() const {
       [operation = *this, streamID, slot](Stream<JSONEnvelope>::Observer observer) {
         runSet(operation, streamID, slot, std::move(observer));
       },
-      [slot] { slot->cancel(); });
+      [slot] { slot->cancel(); }, /*isUnsubscribed=*/false, DispatchQueue::main(), model_.operationQueue());
 }
 
 }  // namespace brivet

@@ -7,10 +7,15 @@
 
 namespace brivet {
 
+std::shared_ptr<DispatchQueue> makeTaskQueue() {
+  return DispatchQueue::serial(std::string(kReverseDomain) + ".task.queue." + UUID::random().uuidString());
+}
+
 const std::shared_ptr<DispatchQueue>& taskQueue() {
-  // Made on first use and never destroyed: blocks may still run while the process exits.
-  static const auto* queue = new std::shared_ptr<DispatchQueue>(
-      DispatchQueue::serial(std::string(kReverseDomain) + ".task.queue." + UUID::random().uuidString()));
+  // Shared by every model of the process (see stream.h: only quick tasks run
+  // here). Made on first use and never destroyed: blocks may still run while
+  // the process exits.
+  static const auto* queue = new std::shared_ptr<DispatchQueue>(makeTaskQueue());
   return *queue;
 }
 

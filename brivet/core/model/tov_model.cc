@@ -94,10 +94,12 @@ std::shared_ptr<TovInternalModel> TovBrivet::createTovModelWithUrl(
 
 TovInternalModel::TovInternalModel(Passkey, std::shared_ptr<CacheProtocol> cache, std::optional<std::string> url,
                                    std::weak_ptr<TovHTTPClientProtocol> httpClient,
-                                   std::weak_ptr<TovLoggingDelegate> loggingDelegate)
+                                   std::weak_ptr<TovLoggingDelegate> loggingDelegate,
+                                   std::shared_ptr<DispatchQueue> operationQueue)
     : cache_(std::move(cache)),
       url_(std::move(url)),
       httpClient_(std::move(httpClient)),
+      operationQueue_(operationQueue != nullptr ? std::move(operationQueue) : makeTaskQueue()),
       loggingDelegate_(std::move(loggingDelegate)) {
   BRIVET_PRECONDITION(cache_ != nullptr, "a model needs a cache");
 }
@@ -110,10 +112,12 @@ const InternalModel& TovInternalModel::internalModel() {
     if (url_ && !httpClient_.expired()) {
       dataSource = HTTPDataSource::create(
           *url_, std::shared_ptr<HTTPClientProtocol>(self, static_cast<HTTPClientProtocol*>(this)),
-          std::shared_ptr<DataSourceLoggingDelegate>(self, static_cast<DataSourceLoggingDelegate*>(this)));
+          std::shared_ptr<DataSourceLoggingDelegate>(self, static_cast<DataSourceLoggingDelegate*>(this)),
+          operationQueue_);
     }
     internalModel_.emplace(cache_, std::move(dataSource), maxRetries_,
-                           std::shared_ptr<LoggingDelegate>(self, static_cast<LoggingDelegate*>(this)));
+                           std::shared_ptr<LoggingDelegate>(self, static_cast<LoggingDelegate*>(this)),
+                           operationQueue_);
   });
   return *internalModel_;
 }
@@ -179,7 +183,7 @@ void TovInternalModel::invalidateWithKeyPaths(const KeyPaths& keyPaths) {
 
 std::shared_ptr<TovInternalModel> TovInternalModel::withoutDataSource() {
   return std::make_shared<TovInternalModel>(Passkey{}, cache_, std::nullopt, std::weak_ptr<TovHTTPClientProtocol>(),
-                                            loggingDelegate());
+                                            loggingDelegate(), operationQueue_);
 }
 
 // --- TovModelLegacy: requests ---
@@ -255,7 +259,9 @@ std::vector<std::optional<JSONValue>> TovInternalModel::readValues(const std::ve
       internal::beginInterval(internal::cacheLog(), "method=%@, path=%@", "getValues (sync)", signpostPaths);
   internal::Read read = internal::readCache(*cache_, readTree, /*checkExpiry=*/true);
   bool miss = internal::hasTopLevelEntry(read.missing);
-  if (read.error) {
+  if (read.error && exceedsWalkBudget(*read.error)) {
+    read.value = JSONValue::emptyObject();  // the key paths fan out past the walk budget: nothing is read
+  } else if (read.error) {
     // One error leaf (or a path that ends on a branch) fails a whole read: read
     // path so that the others still answer (sibling leaves share one key set
     // in a flattened path: each is read on its own).

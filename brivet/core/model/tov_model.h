@@ -26,8 +26,9 @@
 // error leaf has no value). Writes are applied in order, before any later read.
 //
 // Ownership: models are shared (`std::shared_ptr`); the HTTP client and the
-// logging delegate are the application's and are held weakly; the cache is
-// shared by every `withoutDataSource` copy and by operations in flight.
+// logging delegate are the application's and are held weakly; the cache and
+// the model's serial operation queue (see model.h) are shared by every
+// `withoutDataSource` copy and by operations in flight.
 // Threads: every operation may be called from any thread; streams and
 // completions deliver on the main queue.
 #pragma once
@@ -172,8 +173,10 @@ class TovInternalModel final : public TovModel,
  public:
   using KeyPaths = std::vector<std::string>;
 
+  // Without an `operationQueue` the model makes its own (`withoutDataSource` copies share it).
   TovInternalModel(Passkey, std::shared_ptr<CacheProtocol> cache, std::optional<std::string> url,
-                   std::weak_ptr<TovHTTPClientProtocol> httpClient, std::weak_ptr<TovLoggingDelegate> loggingDelegate);
+                   std::weak_ptr<TovHTTPClientProtocol> httpClient, std::weak_ptr<TovLoggingDelegate> loggingDelegate,
+                   std::shared_ptr<DispatchQueue> operationQueue = nullptr);
   TovInternalModel(const TovInternalModel&) = delete;
   TovInternalModel& operator=(const TovInternalModel&) = delete;
 
@@ -254,6 +257,7 @@ class TovInternalModel final : public TovModel,
   const std::optional<std::string> url_;
   const std::weak_ptr<TovHTTPClientProtocol> httpClient_;
   const std::int64_t maxRetries_ = 0;
+  const std::shared_ptr<DispatchQueue> operationQueue_;
   std::once_flag internalModelOnce_;
   std::optional<InternalModel> internalModel_;  // written once, under internalModelOnce_
   mutable Mutex mu_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <unordered_map>
 
 #include "brivet/core/values/internal/value_access.h"
@@ -574,15 +575,22 @@ Object PathTree::toJSONArray() const {
   return Object::array(std::move(all));
 }
 
-std::vector<std::string> PathTree::keyPathStrings() const {
+std::vector<std::string> PathTree::keyPathStrings(std::size_t limit) const {
   std::vector<std::string> out;
   for (const Path& path : paths()) {
+    if (out.size() >= limit) break;
+    // Every prefix grows into at least one string (key sets are never empty), so
+    // no level needs more prefixes than strings are still wanted.
+    const std::size_t wanted = limit - out.size();
     std::vector<std::string> partial{""};
     for (const KeySet& keys : path) {
       std::vector<std::string> next;
-      next.reserve(partial.size() * keys.size());
+      next.reserve(std::min(wanted, partial.size() * keys.size()));
       for (const std::string& prefix : partial) {
-        for (const Key& k : keys) next.push_back(prefix.empty() ? keyText(k) : prefix + "." + keyText(k));
+        for (const Key& k : keys) {
+          if (next.size() == wanted) break;
+          next.push_back(prefix.empty() ? keyText(k) : prefix + "." + keyText(k));
+        }
       }
       partial = std::move(next);
     }

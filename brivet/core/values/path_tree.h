@@ -120,8 +120,9 @@ class PathTree {
   // (text, number, or {"from": f, "to": t}) or an array of keys.
   Object toJSONArray() const;
   // The tree as dotted key-path strings, one per key of every multi-key set
-  // (ranges written "@range(f,t)"), as an application would have asked.
-  std::vector<std::string> keyPathStrings() const;
+  // (ranges written "@range(f,t)"), as an application would have asked; the
+  // first `limit` of them (a few multi-key sets multiply to many strings).
+  std::vector<std::string> keyPathStrings(std::size_t limit = SIZE_MAX) const;
 
   std::string description() const;
   friend bool operator==(const PathTree& a, const PathTree& b);

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <iterator>
 #include <utility>
 #include <vector>
 
 #include "brivet/legacy/constants.h"
 #include "brivet/legacy/path_reference.h"
+#include "brivet/platform/internal/step_budget.h"
 #include "brivet/platform/json.h"
 
 namespace brivet::internal {
@@ -34,34 +36,75 @@ std::uint64_t rangeSize(const BrivetKeySet::Range& r) {
   return span == UINT64_MAX ? UINT64_MAX : span + 1;
 }
 
-// Calls `visit(key)` for every key of `keys` in order. A range larger than the branch is answered from the
-// branch's own keys (sorted by index), so a huge range costs what the branch holds, not what the range names.
-template <class Visit>
-void forEachKey(const BrivetKeySet& keys, const Dictionary& branch, Visit&& visit) {
-  char buffer[24];
+// The ranges of a key set sorted by start, overlapping and adjacent ones joined.
+std::vector<BrivetKeySet::Range> joinedRanges(const BrivetKeySet& keys) {
+  std::vector<BrivetKeySet::Range> ranges;
   for (const BrivetKeySet::Element& element : keys.elements()) {
+    if (const auto* range = std::get_if<BrivetKeySet::Range>(&element)) ranges.push_back(*range);
+  }
+  std::sort(ranges.begin(), ranges.end(), [](const auto& a, const auto& b) { return a.from < b.from; });
+  std::vector<BrivetKeySet::Range> joined;
+  for (const BrivetKeySet::Range& r : ranges) {
+    if (!joined.empty() && (joined.back().to == INT64_MAX || r.from <= joined.back().to + 1)) {
+      joined.back().to = std::max(joined.back().to, r.to);
+    } else {
+      joined.push_back(r);
+    }
+  }
+  return joined;
+}
+
+bool inRanges(const std::vector<BrivetKeySet::Range>& ranges, std::int64_t v) {
+  auto it = std::upper_bound(ranges.begin(), ranges.end(), v,
+                             [](std::int64_t x, const BrivetKeySet::Range& r) { return x < r.from; });
+  return it != ranges.begin() && v <= std::prev(it)->to;
+}
+
+// Calls `visit(key)` for every key of `keys` in order, the set's ranges (joined) where the first of them stands.
+// Ranges naming more keys than the branch holds are answered from the branch's own keys (sorted by index), so a
+// huge range costs what the branch holds, not what the range names. One budget step per key looked up (or per
+// entry of the branch scanned); answers false once the budget is spent.
+template <class Visit>
+bool forEachKey(const BrivetKeySet& keys, const Dictionary& branch, StepBudget& budget, Visit&& visit) {
+  char buffer[24];
+  bool rangesVisited = false;
+  for (const BrivetKeySet::Element& element : keys.elements()) {
+    if (budget.exhausted()) return false;
     if (const std::string* key = std::get_if<std::string>(&element)) {
+      if (!budget.spend(1)) return false;
       visit(std::string_view(*key));
       continue;
     }
-    const BrivetKeySet::Range& range = std::get<BrivetKeySet::Range>(element);
-    if (rangeSize(range) <= std::max<std::uint64_t>(kDenseRangeLimit, branch.size())) {
-      for (std::int64_t i = range.from;; ++i) {
-        const auto end = std::to_chars(buffer, buffer + sizeof buffer, i).ptr;
-        visit(std::string_view(buffer, static_cast<std::size_t>(end - buffer)));
-        if (i == range.to) break;
+    if (rangesVisited) continue;
+    rangesVisited = true;
+    const std::vector<BrivetKeySet::Range> ranges = joinedRanges(keys);
+    std::uint64_t total = 0;
+    for (const auto& r : ranges) total = rangeSize(r) > UINT64_MAX - total ? UINT64_MAX : total + rangeSize(r);
+    if (total <= std::max<std::uint64_t>(kDenseRangeLimit, branch.size())) {
+      for (const BrivetKeySet::Range& range : ranges) {
+        for (std::int64_t i = range.from;; ++i) {
+          if (!budget.spend(1)) return false;
+          const auto end = std::to_chars(buffer, buffer + sizeof buffer, i).ptr;
+          visit(std::string_view(buffer, static_cast<std::size_t>(end - buffer)));
+          if (i == range.to) break;
+        }
       }
       continue;
     }
+    if (!budget.spend(branch.size())) return false;
     std::vector<std::pair<std::int64_t, std::string_view>> present;
     for (const auto& [key, value] : branch) {
       if (!key.isString()) continue;
       const auto index = canonicalInteger(key.stringValue());
-      if (index && *index >= range.from && *index <= range.to) present.emplace_back(*index, key.stringValue());
+      if (index && inRanges(ranges, *index)) present.emplace_back(*index, key.stringValue());
     }
     std::sort(present.begin(), present.end());
-    for (const auto& entry : present) visit(entry.second);
+    for (const auto& entry : present) {
+      if (budget.exhausted()) return false;
+      visit(entry.second);
+    }
   }
+  return !budget.exhausted();
 }
 
 // A leaf's payload: a fresh mutable dictionary of its entries without "$type" and "$expires".
@@ -77,26 +120,28 @@ Object leafPayload(const Object& leaf) {
   return Object::dictionaryWithDistinctKeys(std::move(payload), true);
 }
 
-Object getJSONAt(const Object& node, const BrivetPathProtocol* path, const Object& root, std::size_t references);
+Object getJSONAt(const Object& node, const BrivetPathProtocol* path, const Object& root, std::size_t references,
+                 StepBudget& budget);
 
 // What a leaf or a reference yields: a leaf its payload, a reference (with path left to read) its target read
 // along that path.
 Object processSentinal(const Object& node, const BrivetPathProtocol* slice, const Object& root,
-                       std::size_t references) {
+                       std::size_t references, StepBudget& budget) {
   if (isLeafNode(node)) return leafPayload(node);
   if (const BrivetPathReference* reference = BrivetPathReference::cast(node)) {
     if (slice == nullptr || slice->pathCount() == 0) return Object();
-    if (references >= kMaxReferencesPerPath) return Object::mutableDictionary();
+    if (references >= kMaxReferencesPerPath || !budget.spend(1)) return Object::mutableDictionary();
     const Object target = reference->hardReference();
     if (target.isNil()) return Object::mutableDictionary();
-    return getJSONAt(target, slice, root, references + 1);
+    return getJSONAt(target, slice, root, references + 1, budget);
   }
   return Object();
 }
 
-Object getJSONAt(const Object& node, const BrivetPathProtocol* path, const Object& root, std::size_t references) {
+Object getJSONAt(const Object& node, const BrivetPathProtocol* path, const Object& root, std::size_t references,
+                 StepBudget& budget) {
   if (isLeafNode(node) || isPathReference(node)) {
-    Object sentinel = processSentinal(node, path, root, references);
+    Object sentinel = processSentinal(node, path, root, references, budget);
     if (!sentinel.isNil()) return sentinel;
     return node.isEqual(root) ? Object::mutableDictionary() : Object();
   }
@@ -106,12 +151,12 @@ Object getJSONAt(const Object& node, const BrivetPathProtocol* path, const Objec
   if (branch == nullptr || keys == nullptr) return result;
   Dictionary& out = *result.asMutableDictionary();
   const BrivetPathProtocol* next = path->nextPath();
-  forEachKey(*keys, *branch, [&](std::string_view key) {
+  forEachKey(*keys, *branch, budget, [&](std::string_view key) {
     const Object child = branch->objectForKey(key);
     if (child.isNil()) return;
     if (const Dictionary* d = child.asDictionary(); d != nullptr && d->empty()) return;
     if (child.isDictionary() || isPathReference(child)) {
-      Object value = getJSONAt(child, next, root, references);
+      Object value = getJSONAt(child, next, root, references, budget);
       if (!value.isNil()) out.setObject(std::move(value), key);
     } else {
       out.setObject(child, key);  // values, lists and anything else are answered as they are
@@ -165,42 +210,43 @@ void mergeUnder(Dictionary& parent, std::string_view key, Object value) {
 }
 
 void readBranchInto(Dictionary& out, const Dictionary& branch, const BrivetPathProtocol* path, const Object& root,
-                    std::size_t references);
+                    std::size_t references, StepBudget& budget);
 
 // Merges what reading `node` along `path` yields under `key` (a read that yields nothing leaves it alone).
 void readUnder(Dictionary& parent, std::string_view key, const Object& node, const BrivetPathProtocol* path,
-               const Object& root, std::size_t references) {
+               const Object& root, std::size_t references, StepBudget& budget) {
   if (isLeafNode(node)) {
     mergeUnder(parent, key, leafPayload(node));
     return;
   }
   if (const BrivetPathReference* reference = BrivetPathReference::cast(node)) {
     if (path == nullptr || path->pathCount() == 0) return;
-    const Object target = references < kMaxReferencesPerPath ? reference->hardReference() : Object();
+    const Object target =
+        references < kMaxReferencesPerPath && budget.spend(1) ? reference->hardReference() : Object();
     if (target.isNil()) {
       mergeUnder(parent, key, Object::mutableDictionary());
     } else {
-      readUnder(parent, key, target, path, root, references + 1);
+      readUnder(parent, key, target, path, root, references + 1, budget);
     }
     return;
   }
   const Object child = mutableChild(parent, key);
   if (const Dictionary* branch = node.asDictionary()) {
-    readBranchInto(*child.asMutableDictionary(), *branch, path, root, references);
+    readBranchInto(*child.asMutableDictionary(), *branch, path, root, references, budget);
   }
 }
 
 void readBranchInto(Dictionary& out, const Dictionary& branch, const BrivetPathProtocol* path, const Object& root,
-                    std::size_t references) {
+                    std::size_t references, StepBudget& budget) {
   const BrivetKeySet* keys = path != nullptr ? path->firstPathKeySet() : nullptr;
   if (keys == nullptr) return;
   const BrivetPathProtocol* next = path->nextPath();
-  forEachKey(*keys, branch, [&](std::string_view key) {
+  forEachKey(*keys, branch, budget, [&](std::string_view key) {
     const Object child = branch.objectForKey(key);
     if (child.isNil()) return;
     if (const Dictionary* d = child.asDictionary(); d != nullptr && d->empty()) return;
     if (child.isDictionary() || isPathReference(child)) {
-      readUnder(out, key, child, next, root, references);
+      readUnder(out, key, child, next, root, references, budget);
     } else {
       out.setObject(child, key);
     }
@@ -245,20 +291,36 @@ bool isLeafNode(const Object& node) {
 
 bool isPathReference(const Object& node) { return BrivetPathReference::cast(node) != nullptr; }
 
-Object getJSON(const Object& node, const BrivetPathProtocol* path, const Object& root) {
-  return getJSONAt(node, path, root, 0);
+std::size_t walkBudget(std::span<const BrivetPathProtocol* const> paths) {
+  std::size_t keys = 0;
+  for (const BrivetPathProtocol* path : paths) {
+    for (const BrivetPathProtocol* p = path; p != nullptr; p = p->nextPath()) {
+      if (const BrivetKeySet* set = p->firstPathKeySet()) keys += set->elements().size();
+    }
+  }
+  const std::size_t room = static_cast<std::size_t>(-1) - 1 - kWalkStepBudget;
+  return kWalkStepBudget + (keys > room / kWalkStepsPerRequestKey ? room : keys * kWalkStepsPerRequestKey);
 }
 
-Object getJSONForPaths(const Object& root, std::span<const BrivetPathProtocol* const> paths) {
+Object getJSON(const Object& node, const BrivetPathProtocol* path, const Object& root) {
+  const BrivetPathProtocol* paths[] = {path};
+  StepBudget budget(walkBudget(paths));
+  return getJSONAt(node, path, root, 0, budget);
+}
+
+Object getJSONForPaths(const Object& root, std::span<const BrivetPathProtocol* const> paths, bool* exceeded) {
+  StepBudget budget(walkBudget(paths));
   Object result = Object::mutableDictionary();
   Dictionary& out = *result.asMutableDictionary();
   for (const BrivetPathProtocol* path : paths) {
+    if (budget.exhausted()) break;
     if (const Dictionary* branch = root.asDictionary(); branch != nullptr && !isLeafNode(root)) {
-      readBranchInto(out, *branch, path, root, 0);
+      readBranchInto(out, *branch, path, root, 0, budget);
     } else {
-      mergeDictionaryAt(getJSONAt(root, path, root, 0), result, 0);  // a leaf or a reference as the root
+      mergeDictionaryAt(getJSONAt(root, path, root, 0, budget), result, 0);  // a leaf or a reference as the root
     }
   }
+  if (exceeded != nullptr) *exceeded = budget.exhausted();
   return result;
 }
 

@@ -20,6 +20,13 @@ namespace brivet::internal {
 // in practice (a reference to itself or to an ancestor); the reference where the bound is reached reads as one
 // that cannot be resolved: an empty dictionary.
 inline constexpr std::size_t kMaxReferencesPerPath = 256;
+// The steps one read (or one miss collection) may take: kWalkStepBudget plus kWalkStepsPerRequestKey for every
+// key its paths name (a range counts as one key). A step is one key looked up in a branch, one reference
+// followed, or one fragment of a missing key path written out. Key sets that fan out through cycles of references
+// would otherwise cost exponentially more than the request and the cache together.
+inline constexpr std::size_t kWalkStepBudget = std::size_t{1} << 18;
+inline constexpr std::size_t kWalkStepsPerRequestKey = 4;
+std::size_t walkBudget(std::span<const BrivetPathProtocol* const> paths);
 // Nesting of one merge: deeper nodes (a chain of references, each merging its target) are stored but not merged
 // further. Above the JSON parser's own nesting limit, so parsed documents never reach it on their own.
 inline constexpr std::size_t kMaxMergeDepth = 1024;
@@ -31,8 +38,10 @@ bool isPathReference(const Object& node);
 // followed, leaves reduced to their payload), or nil when `node` is a leaf or reference that yields nothing and
 // is not the root.
 Object getJSON(const Object& node, const BrivetPathProtocol* path, const Object& root);
-// Reads every path from `root` and deep-merges the results into one fresh mutable dictionary.
-Object getJSONForPaths(const Object& root, std::span<const BrivetPathProtocol* const> paths);
+// Reads every path from `root` and deep-merges the results into one fresh mutable dictionary. A read that goes
+// past its walk budget stops there and sets `*exceeded` (when given); the result then holds what was read so far.
+Object getJSONForPaths(const Object& root, std::span<const BrivetPathProtocol* const> paths,
+                       bool* exceeded = nullptr);
 
 // Deep-merges `source` into the mutable dictionary `target`: where both hold dictionaries under a key the merge
 // recurses, otherwise the source's value replaces the target's. An immutable nested target dictionary is

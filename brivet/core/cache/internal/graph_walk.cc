@@ -1,7 +1,10 @@
 #include "brivet/core/cache/internal/graph_walk.h"
 
 #include <algorithm>
+#include <charconv>
 #include <deque>
+#include <iterator>
+#include <optional>
 #include <utility>
 
 #include "brivet/core/values/json_graph.h"
@@ -69,11 +72,183 @@ JSONValue cycleErrorValue() {
       {{"message", JSONPrimitive::string("reference chain longer than " + std::to_string(kMaxReferencesFollowed))}});
 }
 
+// --- Key sets over a branch ---
+
+// Ranges no wider than this are walked index by index even over a smaller branch.
+constexpr std::uint64_t kDenseRangeLimit = 64;
+
+struct IndexRange {
+  std::int64_t from;
+  std::int64_t to;  // from <= to
+};
+
+std::uint64_t widthOf(const IndexRange& r) {
+  const std::uint64_t span = static_cast<std::uint64_t>(r.to) - static_cast<std::uint64_t>(r.from);
+  return span == UINT64_MAX ? UINT64_MAX : span + 1;
+}
+
+// The ranges of a key set sorted by start, overlapping and adjacent ones joined
+// (a reversed range names no key).
+std::vector<IndexRange> joinedRanges(const KeySet& keys) {
+  std::vector<IndexRange> ranges;
+  for (const Key& k : keys) {
+    if (k.kind() == Key::Kind::Range && k.from() <= k.to()) ranges.push_back({k.from(), k.to()});
+  }
+  std::sort(ranges.begin(), ranges.end(), [](const IndexRange& a, const IndexRange& b) { return a.from < b.from; });
+  std::vector<IndexRange> joined;
+  for (const IndexRange& r : ranges) {
+    if (!joined.empty() && (joined.back().to == INT64_MAX || r.from <= joined.back().to + 1)) {
+      joined.back().to = std::max(joined.back().to, r.to);
+    } else {
+      joined.push_back(r);
+    }
+  }
+  return joined;
+}
+
+// The integer a key stands for when it is the decimal text a range yields for
+// it ("7", "-3"; never "07", "+7" or "-0").
+bool canonicalInteger(std::string_view key, std::int64_t* value) {
+  const std::size_t sign = !key.empty() && key[0] == '-' ? 1 : 0;
+  if (key.size() == sign || key.size() > 20 || key[sign] < '0' || key[sign] > '9') return false;
+  if (key[sign] == '0' && (key.size() > 1)) return false;
+  const auto r = std::from_chars(key.data(), key.data() + key.size(), *value);
+  return r.ec == std::errc() && r.ptr == key.data() + key.size();
+}
+
+std::size_t branchSize(Slot branch) { return isObjectSlot(branch) ? objectSize(branch) : arrayOf(branch)->count; }
+
+// A key's own slot when it is kept in place (a short text), else kEmpty: such
+// a slot can be handed to a builder as it stands.
+Slot inPlaceKey(const Slot& key) { return tagOf(key) == kTagShortString ? key : kEmpty; }
+
+// The indices of `ranges` (sorted, disjoint) over a branch: `present(text,
+// child, keySlot)` for each index the branch holds, in ascending order (false
+// stops the walk; `keySlot` is the key kept in place, or kEmpty), `absent(from,
+// to)` for each maximal run of indices it lacks. The
+// cost follows the branch, not the ranges: when they name more indices than
+// the branch holds, the branch's own integer keys are visited instead. One
+// budget step per index looked up, or per entry of the branch scanned.
+// Answers false when stopped.
+template <class Present, class Absent>
+bool forEachIndex(Slot branch, const std::vector<IndexRange>& ranges, WalkBudget& budget, Present& present,
+                  Absent& absent) {
+  char buffer[24];
+  auto text = [&](std::int64_t v) {
+    const auto r = std::to_chars(buffer, buffer + sizeof buffer, v);
+    return std::string_view(buffer, static_cast<std::size_t>(r.ptr - buffer));
+  };
+  const std::size_t size = branchSize(branch);
+  std::uint64_t total = 0;
+  for (const IndexRange& r : ranges) total = widthOf(r) > UINT64_MAX - total ? UINT64_MAX : total + widthOf(r);
+  if (total <= std::max<std::uint64_t>(kDenseRangeLimit, size)) {
+    // Fits a size_t: no more than the branch holds, or 64.
+    if (!budget.spend(static_cast<std::size_t>(total))) return false;
+    const bool isObject = isObjectSlot(branch);
+    const ArrayNode* array = isObject ? nullptr : arrayOf(branch);
+    for (const IndexRange& r : ranges) {
+      std::optional<std::int64_t> run;
+      for (std::int64_t v = r.from;; ++v) {
+        const KeyProbe probe(text(v));
+        const Slot child = isObject ? objectFind(branch, probe)
+                           : v >= 0 && static_cast<std::uint64_t>(v) < array->count ? array->items[v]
+                                                                                     : kEmpty;
+        if (child == kEmpty) {
+          if (!run) run = v;
+        } else {
+          if (run) absent(*std::exchange(run, std::nullopt), v - 1);
+          if (!present(probe.text, child, probe.inlineSlot)) return false;
+        }
+        if (v == r.to) break;
+      }
+      if (run) absent(*run, r.to);
+    }
+    return true;
+  }
+  if (isArraySlot(branch)) {
+    const ArrayNode* a = arrayOf(branch);
+    const std::int64_t last = static_cast<std::int64_t>(a->count) - 1;
+    for (const IndexRange& r : ranges) {
+      const std::int64_t lo = std::max<std::int64_t>(r.from, 0);
+      const std::int64_t hi = std::min(r.to, last);
+      if (lo > hi) {
+        absent(r.from, r.to);
+        continue;
+      }
+      if (r.from < lo) absent(r.from, lo - 1);
+      for (std::int64_t v = lo; v <= hi; ++v) {
+        if (!budget.spend(1)) return false;
+        const KeyProbe probe(text(v));
+        if (!present(probe.text, a->items[v], probe.inlineSlot)) return false;
+      }
+      if (hi < r.to) absent(hi + 1, r.to);
+    }
+    return true;
+  }
+  // The branch's integer keys, sorted: found once per walk, however many ranges go over the branch.
+  auto known = budget.indices.find(branch);
+  if (known == budget.indices.end()) {
+    if (!budget.spend(size)) return false;
+    std::vector<IndexedChild> all;
+    forEachEntry(branch, [&](const Slot& key, const Slot& child) {
+      std::int64_t v;
+      if (canonicalInteger(stringOf(key), &v)) all.push_back({v, &key, child});
+    });
+    std::sort(all.begin(), all.end(), [](const IndexedChild& a, const IndexedChild& b) { return a.index < b.index; });
+    known = budget.indices.emplace(branch, std::move(all)).first;
+  }
+  const std::vector<IndexedChild>& found = known->second;
+  for (const IndexRange& r : ranges) {
+    auto f = std::lower_bound(found.begin(), found.end(), r.from,
+                              [](const IndexedChild& e, std::int64_t v) { return e.index < v; });
+    std::int64_t next = r.from;
+    bool more = true;  // indices after the last one visited remain in this range
+    for (; f != found.end() && f->index <= r.to; ++f) {
+      if (!budget.spend(1)) return false;
+      if (f->index > next) absent(next, f->index - 1);
+      if (!present(stringOf(*f->key), f->child, inPlaceKey(*f->key))) return false;
+      more = f->index < r.to;
+      if (more) next = f->index + 1;
+    }
+    if (more && next <= r.to) absent(next, r.to);
+  }
+  return true;
+}
+
+// The keys of a key set over a branch, in the set's order (its ranges, joined,
+// where the first of them stands): `present(text, child, keySlot)` for each
+// key the branch holds (false stops), `absentKey(text)` for each plain key it lacks,
+// `absentRun(from, to)` for each run of range indices it lacks. Answers false
+// when stopped or out of budget.
+template <class Present, class AbsentKey, class AbsentRun>
+bool forEachKeyIn(Slot branch, const KeySet& keys, WalkBudget& budget, Present&& present, AbsentKey&& absentKey,
+                  AbsentRun&& absentRun) {
+  bool rangesVisited = false;
+  for (const Key& k : keys) {
+    if (k.kind() != Key::Kind::Range) {
+      if (!budget.spend(1)) return false;
+      const KeyProbe probe(k.stringValue());
+      const Slot child = childOf(branch, probe);
+      if (child == kEmpty) {
+        absentKey(probe.text);
+      } else if (!present(probe.text, child, probe.inlineSlot)) {
+        return false;
+      }
+      continue;
+    }
+    if (rangesVisited) continue;
+    rangesVisited = true;
+    if (!forEachIndex(branch, joinedRanges(keys), budget, present, absentRun)) return false;
+  }
+  return true;
+}
+
 // --- The value read ---
 
 class ValueWalker {
  public:
-  ValueWalker(Slot root, bool checkExpiry, double nowMs) : root_(root), checkExpiry_(checkExpiry), nowMs_(nowMs) {}
+  ValueWalker(Slot root, bool checkExpiry, double nowMs, WalkBudget& budget)
+      : root_(root), checkExpiry_(checkExpiry), nowMs_(nowMs), budget_(budget) {}
 
   // The value found along `path` (owned, kEmpty when nothing); `failed()` when it ended on a branch.
   Slot walkPath(const Path& path) {
@@ -94,6 +269,8 @@ class ValueWalker {
   }
   bool failed() const { return failure_.has_value(); }
   BrivetError failure() const { return *failure_; }
+  // Whether the walk stopped at its budget (the error is among `errors`).
+  bool exhausted() const { return budget_.exhausted(); }
 
   std::vector<Path> missing;
   std::vector<Path> missingOptimized;
@@ -114,14 +291,27 @@ class ValueWalker {
   void dropSpentTargets() {
     while (!pending_.empty() && pending_.back().next >= pending_.back().target->count) pending_.pop_back();
   }
+  bool stopped() const { return failure_.has_value() || budget_.exhausted(); }
+  // Spends `n` steps; past the budget the walk ends with a path-bound error (once).
+  bool spend(std::size_t n) {
+    if (budget_.spend(n)) [[likely]] return true;
+    reportExhausted();
+    return false;
+  }
+  // Out of line: the budget runs out once per walk at most, and the hot loops stay small.
+  [[gnu::noinline, gnu::cold]] void reportExhausted() {
+    if (budgetReported_) return;
+    budgetReported_ = true;
+    errors.push_back({texts(requested_), budgetErrorValue(budget_.limit())});
+  }
 
   // The optimized keys so far, then `extra` (when given), then the target keys
   // still pending (the one being consumed left out when `skipCurrent`), then
   // the request's key sets from `i`.
-  Path optimizedPath(const std::string_view* extra, bool skipCurrent, std::size_t i) const {
+  Path optimizedPath(const Key* extra, bool skipCurrent, std::size_t i) const {
     Path p;
     for (std::size_t k = optimizedBase_; k < optimized_.size(); ++k) p.push_back({Key::string(std::string(optimized_[k]))});
-    if (extra != nullptr) p.push_back({Key::string(std::string(*extra))});
+    if (extra != nullptr) p.push_back({*extra});
     for (std::size_t f = pending_.size(); f-- > 0;) {
       const Pending& frame = pending_[f];
       std::uint32_t j = frame.next + ((skipCurrent && f + 1 == pending_.size()) ? 1 : 0);
@@ -130,28 +320,38 @@ class ValueWalker {
     p.insert(p.end(), path_->begin() + static_cast<std::ptrdiff_t>(i), path_->end());
     return p;
   }
-  Path requestedPath(const std::string_view* extra, std::size_t i) const {
+  Path requestedPath(const Key* extra, std::size_t i) const {
     Path p = singleKeys(requested_);
-    if (extra != nullptr) p.push_back({Key::string(std::string(*extra))});
+    if (extra != nullptr) p.push_back({*extra});
     p.insert(p.end(), path_->begin() + static_cast<std::ptrdiff_t>(i), path_->end());
     return p;
   }
+  // Both missing paths are written out: each key of them is a step.
+  bool report(Path requested, Path optimized) {
+    if (!spend(requested.size() + optimized.size())) return false;
+    missing.push_back(std::move(requested));
+    missingOptimized.push_back(std::move(optimized));
+    return true;
+  }
 
+  // Misses are written out of line, keeping the walk's loops small.
   // A key of the request's set `i` that the branch lacks (no target keys are pending then).
-  void missingRequested(std::string_view key, std::size_t i) {
-    missing.push_back(requestedPath(&key, i + 1));
-    missingOptimized.push_back(optimizedPath(&key, false, i + 1));
+  [[gnu::noinline]] void missingRequested(const Key& key, std::size_t i) {
+    report(requestedPath(&key, i + 1), optimizedPath(&key, false, i + 1));
+  }
+  // A run of range indices of set `i` that the branch lacks: one path for the
+  // run, a plain key when it is a single index.
+  [[gnu::noinline]] void missingRun(std::int64_t from, std::int64_t to, std::size_t i) {
+    const Key key = from == to ? Key::string(std::to_string(from)) : Key::range(from, to);
+    missingRequested(key, i);
   }
   // A target key that the branch lacks: the request goes on from set `i`.
-  void missingTarget(std::string_view key, std::size_t i) {
-    missing.push_back(requestedPath(nullptr, i));
-    missingOptimized.push_back(optimizedPath(&key, true, i));
+  [[gnu::noinline]] void missingTarget(std::string_view key, std::size_t i) {
+    const Key k = Key::string(std::string(key));
+    report(requestedPath(nullptr, i), optimizedPath(&k, true, i));
   }
   // An expired leaf reached with set `i` next: fetched again like a missing one.
-  void missingExpired(std::size_t i) {
-    missing.push_back(requestedPath(nullptr, i));
-    missingOptimized.push_back(optimizedPath(nullptr, false, i));
-  }
+  [[gnu::noinline]] void missingExpired(std::size_t i) { report(requestedPath(nullptr, i), optimizedPath(nullptr, false, i)); }
 
   Slot walk(Slot node, std::size_t i) {
     const std::size_t savedOptimized = optimized_.size();
@@ -176,7 +376,7 @@ class ValueWalker {
           return kEmpty;
         }
         if (pending_.empty()) return walkKeySet(node, i);
-        // A key of a reference's target: one step down, nothing to gather.
+        // A key of a reference's target (paid for when the reference was followed): one step down.
         Pending& frame = pending_.back();
         const Slot& keySlot = frame.target->items[frame.next];
         const std::string_view key = stringOf(keySlot);
@@ -209,6 +409,8 @@ class ValueWalker {
             errors.push_back({texts(requested_), cycleErrorValue()});
             return kEmpty;
           }
+          // The reference and every key of its target are steps.
+          if (!spend(1 + arrayOf(v.value)->count)) return kEmpty;
           ++hops_;
           pending_.push_back({arrayOf(v.value), 0});
           optimizedBase_ = optimized_.size();
@@ -229,34 +431,36 @@ class ValueWalker {
       if (shared != kEmpty) return shared;
     }
     ObjectBuilder builder;
-    auto visit = [&](const KeyProbe& probe) {
-      if (failure_) return;
-      const std::string_view key = probe.text;
-      const Slot child = childOf(node, probe);
-      if (child == kEmpty) {
-        missingRequested(key, i);
-        return;
-      }
+    auto visit = [&](std::string_view key, Slot child, Slot inlineKey) {
       requested_.push_back(key);
       optimized_.push_back(key);
       const Slot value = walk(child, i + 1);
       requested_.pop_back();
       optimized_.pop_back();
-      if (value != kEmpty) builder.add(probe.inlineSlot != kEmpty ? probe.inlineSlot : makeString(key), value);
+      if (value != kEmpty) builder.add(inlineKey != kEmpty ? inlineKey : makeString(key), value);
+      return !stopped();
     };
-    forEachProbe(i, visit);
-    if (failure_) return kEmpty;
-    return builder.build();
-  }
-
-  // Calls `f(probe)` for every key of the request's set `i`.
-  template <class F>
-  void forEachProbe(std::size_t i, F& f) const {
     if (!probes_[i].empty() || (*path_)[i].empty()) {
-      for (const KeyProbe& probe : probes_[i]) f(probe);
-      return;
+      const KeySet& keys = (*path_)[i];
+      if (!spend(probes_[i].size())) return kEmpty;
+      for (std::size_t k = 0; k < probes_[i].size() && !stopped(); ++k) {
+        const KeyProbe& probe = probes_[i][k];
+        const Slot child = childOf(node, probe);
+        if (child == kEmpty) {
+          missingRequested(keys[k], i);
+        } else {
+          visit(probe.text, child, probe.inlineSlot);
+        }
+      }
+    } else {
+      const bool finished = forEachKeyIn(
+          node, (*path_)[i], budget_, visit,
+          [&](std::string_view key) { missingRequested(Key::string(std::string(key)), i); },
+          [&](std::int64_t from, std::int64_t to) { missingRun(from, to, i); });
+      if (!finished && budget_.exhausted()) reportExhausted();
     }
-    forEachKey((*path_)[i], [&](std::string_view key) { f(KeyProbe(key)); });
+    if (stopped()) return kEmpty;
+    return builder.build();
   }
 
   // When the last key set names exactly the keys of a small object whose
@@ -285,6 +489,8 @@ class ValueWalker {
   const Slot root_;
   const bool checkExpiry_;
   const double nowMs_;
+  WalkBudget& budget_;
+  bool budgetReported_ = false;
   const Path* path_ = nullptr;
   // Keys consumed so far, as views: of the request's keys, of the range
   // expansion being walked (alive while its key is), or of reference paths in the graph.
@@ -302,10 +508,10 @@ class ValueWalker {
 
 class Extractor {
  public:
-  Extractor(Slot root, bool includeBranches, bool build)
-      : root_(root), includeBranches_(includeBranches), build_(build) {}
+  Extractor(Slot root, bool includeBranches, bool build, WalkBudget& budget)
+      : root_(root), includeBranches_(includeBranches), build_(build), budget_(budget) {}
 
-  // One path with its work list. On failure `failed()` holds.
+  // One path with its work list. On failure `failed()` holds; out of budget, `exhausted()`.
   SlotRef extractPath(const Path& start, std::vector<Path>& refPaths) {
     std::deque<std::pair<Path, std::size_t>> work;
     work.emplace_back(start, 0);
@@ -316,6 +522,11 @@ class Extractor {
       work.pop_front();
       found.clear();
       SlotRef fragment(walk(root_, path, 0, found));
+      if (budget_.exhausted()) {
+        // Out of budget: like a cycle, the extraction ends with what earlier passes gathered.
+        if (isObjectSlot(accumulated.get()) && objectSize(accumulated.get()) == 0) return SlotRef();
+        return accumulated;
+      }
       if (failed_) {
         if (isObjectSlot(accumulated.get()) && objectSize(accumulated.get()) == 0) return SlotRef();
         failed_ = false;  // something was gathered: the error is dropped and the walk ends here
@@ -331,8 +542,11 @@ class Extractor {
     return accumulated;
   }
   bool failed() const { return failed_; }
+  bool exhausted() const { return budget_.exhausted(); }
 
  private:
+  bool stopped() const { return failed_ || budget_.exhausted(); }
+
   Slot walk(Slot node, const Path& path, std::size_t i, std::vector<Path>& found) {
     if (isBranch(node)) {
       if (i == path.size()) {
@@ -340,26 +554,40 @@ class Extractor {
         failed_ = true;
         return kEmpty;
       }
+      auto ignoreKey = [](std::string_view) {};
+      auto ignoreRun = [](std::int64_t, std::int64_t) {};
       if (isObjectSlot(node)) {
         ObjectBuilder builder;
-        forEachKey(path[i], [&](std::string_view key) {
-          if (failed_) return;
-          const Slot child = objectFind(node, KeyProbe(key));
-          if (child == kEmpty) return;
-          const Slot part = walk(child, path, i + 1, found);
-          if (build_ && !failed_) builder.add(makeString(key), part);
-        });
-        if (failed_ || !build_) return kEmpty;
+        forEachKeyIn(
+            node, path[i], budget_,
+            [&](std::string_view key, Slot child, Slot keySlot) {
+              const Slot part = walk(child, path, i + 1, found);
+              if (build_ && !stopped()) {
+                builder.add(keySlot != kEmpty ? keySlot : makeString(key), part);
+              } else {
+                release(part);
+              }
+              return !stopped();
+            },
+            ignoreKey, ignoreRun);
+        if (stopped() || !build_) return kEmpty;
         return builder.build();
       }
-      const ArrayNode* a = arrayOf(node);
       std::vector<std::pair<std::size_t, Slot>> parts;
-      forEachKey(path[i], [&](std::string_view key) {
-        std::size_t index;
-        if (failed_ || !parseIndex(key, &index) || index >= a->count) return;
-        const Slot part = walk(a->items[index], path, i + 1, found);
-        if (build_ && !failed_) parts.emplace_back(index, part);
-      });
+      forEachKeyIn(
+          node, path[i], budget_,
+          [&](std::string_view key, Slot child, Slot) {
+            std::size_t index;
+            if (!parseIndex(key, &index)) return true;
+            const Slot part = walk(child, path, i + 1, found);
+            if (build_ && !stopped()) {
+              parts.emplace_back(index, part);
+            } else {
+              release(part);
+            }
+            return !stopped();
+          },
+          ignoreKey, ignoreRun);
       // Back to an array in ascending index order; of a repeated index the last part counts.
       std::stable_sort(parts.begin(), parts.end(), [](const auto& x, const auto& y) { return x.first < y.first; });
       std::vector<Slot> items;
@@ -370,7 +598,7 @@ class Extractor {
         }
         items.push_back(parts[k].second);
       }
-      if (failed_ || !build_) {
+      if (stopped() || !build_) {
         for (Slot s : items) release(s);
         return kEmpty;
       }
@@ -380,6 +608,8 @@ class Extractor {
     viewLeaf(node, &v);
     if (v.kind == JSONGraphLeaf::Kind::Ref && i < path.size() && isArraySlot(v.value)) {
       const ArrayNode* target = arrayOf(v.value);
+      // The path met is written out twice (the list returned and the work list): its keys are steps.
+      if (!budget_.spend(2 * (target->count + path.size() - i))) return kEmpty;
       Path next;
       next.reserve(target->count + path.size() - i);
       for (std::uint32_t k = 0; k < target->count; ++k) {
@@ -394,6 +624,7 @@ class Extractor {
   const Slot root_;
   const bool includeBranches_;
   const bool build_;
+  WalkBudget& budget_;
   bool failed_ = false;
 };
 
@@ -515,33 +746,48 @@ Slot mergeGraph(Slot incoming, Slot old) {
 
 namespace {
 
-Slot invalidateArray(Slot array, const PathTree& tree);
+Slot invalidateArray(Slot array, const PathTree& tree, WalkBudget& budget);
+
+// Calls `f(text)` for the keys of a set that a branch may hold: every plain
+// key, and the range indices it does hold (never the width of a range). An
+// invalidation follows no references, but a tree may hold many entries over
+// one large branch: the budget bounds them all.
+template <class F>
+void forEachPresentKey(Slot branch, const KeySet& keys, WalkBudget& budget, F&& f) {
+  forEachKeyIn(
+      branch, keys, budget,
+      [&](std::string_view key, Slot, Slot) {
+        f(key);
+        return true;
+      },
+      [&](std::string_view key) { f(key); }, [](std::int64_t, std::int64_t) {});
+}
 
 // What one entry of the tree does to a present child (owned result).
-Slot invalidateChild(Slot child, const PathTree& sub) {
+Slot invalidateChild(Slot child, const PathTree& sub, WalkBudget& budget) {
   switch (sub.kind()) {
     case PathTree::Kind::Target:
     case PathTree::Kind::Self: return kEmpty;
     case PathTree::Kind::Object:
-      if (isObjectSlot(child)) return invalidateGraph(child, sub);
-      if (isArraySlot(child)) return invalidateArray(child, sub);
+      if (isObjectSlot(child)) return invalidateGraph(child, sub, budget);
+      if (isArraySlot(child)) return invalidateArray(child, sub, budget);
       return keepOld(child);  // a leaf stays: references are not followed here
     case PathTree::Kind::KeySet: return keepOld(child);
   }
   return keepOld(child);
 }
 
-Slot invalidateArray(Slot array, const PathTree& tree) {
+Slot invalidateArray(Slot array, const PathTree& tree, WalkBudget& budget) {
   const ArrayNode* a = arrayOf(array);
   std::vector<Slot> items(a->items, a->items + a->count);
   for (Slot s : items) retain(s);
   bool changed = false;
   for (const PathTree::Entry& entry : tree.entries()) {
     const PathTree& sub = entry.second;
-    forEachKey(entry.first, [&](std::string_view key) {
+    forEachPresentKey(array, entry.first, budget, [&](std::string_view key) {
       std::size_t index;
       if (!parseIndex(key, &index) || index >= items.size() || items[index] == kEmpty) return;
-      const Slot next = invalidateChild(items[index], sub);
+      const Slot next = invalidateChild(items[index], sub, budget);
       if (next != items[index]) changed = true;
       release(items[index]);
       items[index] = next;
@@ -557,24 +803,29 @@ Slot invalidateArray(Slot array, const PathTree& tree) {
 
 }  // namespace
 
-Slot invalidateGraph(Slot graph, const PathTree& tree) {
+Slot invalidateGraph(Slot graph, const PathTree& tree, WalkBudget& budget) {
   if (tree.kind() != PathTree::Kind::Object) return keepOld(graph);
-  if (isArraySlot(graph)) return invalidateArray(graph, tree);
+  if (isArraySlot(graph)) return invalidateArray(graph, tree, budget);
   if (!isObjectSlot(graph)) return keepOld(graph);
   // Each change carries the index of its subtree as a number slot.
   std::vector<SlotRef> keyHolders;
   std::vector<Entry> changes;
   const auto& entries = tree.entries();
   for (std::size_t e = 0; e < entries.size(); ++e) {
-    forEachKey(entries[e].first, [&](std::string_view key) {
+    forEachPresentKey(graph, entries[e].first, budget, [&](std::string_view key) {
       keyHolders.emplace_back(makeString(key));
       changes.push_back({keyHolders.back().get(), makeSignedNumber(static_cast<std::int64_t>(e))});
     });
   }
-  return objectUpdate(graph, changes, [&entries](Slot old, Slot index) -> Slot {
+  return objectUpdate(graph, changes, [&entries, &budget](Slot old, Slot index) -> Slot {
     if (old == kEmpty) return kEmpty;
-    return invalidateChild(old, entries[static_cast<std::size_t>(intOf(index))].second);
+    return invalidateChild(old, entries[static_cast<std::size_t>(intOf(index))].second, budget);
   });
+}
+
+Slot invalidateGraph(Slot graph, const PathTree& tree) {
+  WalkBudget budget(walkBudget(tree));
+  return invalidateGraph(graph, tree, budget);
 }
 
 // --- Reads ---
@@ -610,12 +861,22 @@ bool treeTouches(const PathTree& tree, const KeyTextSet& texts) {
   }
 }
 
+constexpr std::string_view kBudgetMessagePrefix = "walk exceeded its budget of ";
+
+JSONValue budgetErrorValue(std::size_t limit) {
+  return JSONValue::object({{"message", JSONPrimitive::string(std::string(kBudgetMessagePrefix) +
+                                                              std::to_string(limit) + " steps")}});
+}
+
 Result<CacheValues, BrivetError> readValues(Slot root, const PathTree& tree, bool checkExpiry) {
-  ValueWalker walker(root, checkExpiry, nowMilliseconds());
+  const std::vector<Path> paths = tree.paths();
+  WalkBudget budget(walkBudget(paths));
+  ValueWalker walker(root, checkExpiry, nowMilliseconds(), budget);
   SlotRef value;
-  for (const Path& path : tree.paths()) {
+  for (const Path& path : paths) {
     SlotRef found(walker.walkPath(path));
     if (walker.failed()) return Failure{walker.failure()};
+    if (walker.exhausted()) break;
     if (!found) continue;
     value = value ? SlotRef(mergeValues(found.get(), value.get())) : std::move(found);
   }
@@ -629,17 +890,27 @@ Result<CacheValues, BrivetError> readValues(Slot root, const PathTree& tree, boo
 }
 
 Result<SlotRef, BrivetError> readPathValue(Slot root, const Path& path) {
-  ValueWalker walker(root, true, nowMilliseconds());
+  WalkBudget budget(walkBudget(std::vector<Path>{path}));
+  ValueWalker walker(root, true, nowMilliseconds(), budget);
   SlotRef found(walker.walkPath(path));
   if (walker.failed()) return Failure{walker.failure()};
+  if (walker.exhausted()) {
+    return Failure{BrivetError::responseJSONGraphFailed(
+        BrivetError::JSONGraphFailureReason::pathBoundErrors(std::move(walker.errors)))};
+  }
   return found;
 }
 
 Result<Extraction, BrivetError> extract(Slot root, const std::vector<Path>& paths, bool includeBranches) {
   Extraction out;
+  WalkBudget budget(walkBudget(paths));
   for (const Path& path : paths) {
-    Extractor extractor(root, includeBranches, true);
+    Extractor extractor(root, includeBranches, true, budget);
     SlotRef part = extractor.extractPath(path, out.refPaths);
+    if (!part && extractor.exhausted()) {
+      return Failure{BrivetError::responseJSONGraphFailed(
+          BrivetError::JSONGraphFailureReason::pathBoundErrors({{{}, budgetErrorValue(budget.limit())}}))};
+    }
     if (!part) return Failure{BrivetError::invalidAttempt()};
     out.graph = out.graph ? SlotRef(mergeGraph(part.get(), out.graph.get())) : std::move(part);
   }
@@ -649,11 +920,44 @@ Result<Extraction, BrivetError> extract(Slot root, const std::vector<Path>& path
 
 std::vector<Path> referencePaths(Slot root, const std::vector<Path>& paths) {
   std::vector<Path> refPaths;
+  WalkBudget budget(walkBudget(paths));
   for (const Path& path : paths) {
-    Extractor extractor(root, true, false);
+    Extractor extractor(root, true, false, budget);
     extractor.extractPath(path, refPaths);
+    if (extractor.exhausted()) break;
   }
   return refPaths;
 }
 
 }  // namespace brivet::internal
+
+namespace brivet {
+
+std::size_t walkBudget(const std::vector<Path>& paths) {
+  std::size_t keys = 0;
+  for (const Path& path : paths) {
+    for (const KeySet& set : path) keys += set.size();
+  }
+  // Saturating: a request cannot hold SIZE_MAX / 4 keys, but the sum stays exact below it.
+  const std::size_t extra = keys > (SIZE_MAX - kWalkStepBudget) / kWalkStepsPerRequestKey
+                                ? SIZE_MAX - kWalkStepBudget
+                                : keys * kWalkStepsPerRequestKey;
+  return kWalkStepBudget + extra;
+}
+
+std::size_t walkBudget(const PathTree& tree) { return walkBudget(tree.paths()); }
+
+bool exceedsWalkBudget(const BrivetError& error) {
+  const BrivetError::JSONGraphFailureReason* reason = error.jsonGraphReason();
+  if (reason == nullptr || reason->kind() != BrivetError::JSONGraphFailureReason::Kind::PathBoundErrors) return false;
+  for (const PathBoundError& e : reason->errors()) {
+    const std::optional<JSONValue> message = e.value.find("message");
+    if (message && message->isPrimitive() &&
+        message->primitive().stringValue().rfind(internal::kBudgetMessagePrefix, 0) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace brivet

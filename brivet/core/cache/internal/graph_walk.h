@@ -6,15 +6,16 @@
 // it changes and shares everything else, and answers the old node itself
 // wherever the result equals it, so "did anything change" is one comparison of
 // slots. References are followed at most `kMaxReferencesFollowed` times along
-// one chain. Every function may run on any thread over a graph shared with
-// readers.
+// one chain; ranges cost what the branch under them holds; the reads and
+// extractions stop at their step budget (see cache.h). Every function may run
+// on any thread over a graph shared with readers.
 #pragma once
 
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -23,28 +24,28 @@
 #include "brivet/core/values/internal/node.h"
 #include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/path_tree.h"
+#include "brivet/platform/internal/step_budget.h"
 #include "brivet/platform/result.h"
 
 namespace brivet::internal {
 
-// Calls `f(text)` for every key of the set in its string form, ranges expanded
-// in ascending order. A range whose end lies before its start yields no key.
-template <class F>
-void forEachKey(const KeySet& keys, F&& f) {
-  char buffer[24];
-  for (const Key& k : keys) {
-    if (k.kind() != Key::Kind::Range) {
-      f(std::string_view(k.stringValue()));
-      continue;
-    }
-    if (k.to() < k.from()) continue;
-    for (std::int64_t v = k.from();; ++v) {
-      const auto r = std::to_chars(buffer, buffer + sizeof buffer, v);
-      f(std::string_view(buffer, static_cast<std::size_t>(r.ptr - buffer)));
-      if (v == k.to()) break;
-    }
-  }
-}
+// A child of a large object whose key is the decimal text of an integer.
+struct IndexedChild {
+  std::int64_t index;
+  const Slot* key;  // in the object's own storage
+  Slot child;
+};
+// The steps one walk may still take (see `walkBudget` in cache.h), and the
+// integer keys of the large objects its ranges went over, sorted: a walk
+// sorts a branch once, however many ranges go over it. Belongs to one walk
+// over one graph (the graph outlives it).
+class WalkBudget : public StepBudget {
+ public:
+  using StepBudget::StepBudget;
+  std::unordered_map<Slot, std::vector<IndexedChild>> indices;
+};
+// {"message": "walk exceeded its budget of N steps"}
+JSONValue budgetErrorValue(std::size_t limit);
 
 using KeyTextSet = std::unordered_set<std::string>;
 
@@ -68,15 +69,20 @@ struct Extraction {
 // The sub-graph that `paths` reach, references followed through a work list.
 // A path ending on a branch copies it with `includeBranches`, otherwise fails
 // with `invalidAttempt` unless something was gathered for that path already.
+// Past the step budget it ends with what it gathered, like a cycle, and fails
+// with a path-bound error when that is nothing.
 [[nodiscard]] Result<Extraction, BrivetError> extract(Slot root, const std::vector<Path>& paths, bool includeBranches);
-// Only the reference paths that `extract(root, paths, true)` would meet.
+// Only the reference paths that `extract(root, paths, true)` would meet
+// (those met before the budget ran out).
 std::vector<Path> referencePaths(Slot root, const std::vector<Path>& paths);
 
 // The merge of `incoming` into `old` (owned; `old` itself when the result equals it).
 Slot mergeGraph(Slot incoming, Slot old);
 // `graph` without the entries `tree` addresses (owned; `graph` itself when
-// nothing was removed). References are not followed.
+// nothing was removed). References are not followed. Past the step budget
+// the entries met so far are removed and the rest stay.
 Slot invalidateGraph(Slot graph, const PathTree& tree);
+Slot invalidateGraph(Slot graph, const PathTree& tree, WalkBudget& budget);
 
 // Whether a leaf's metadata says it has expired at `nowMs` (milliseconds since 1970).
 bool isExpired(const Metadata& metadata, double nowMs);

@@ -24,11 +24,15 @@ const SignpostLog& dataSourceLog() {
 }
 
 std::string joinedKeyPaths(const PathTree& tree) {
+  // A trace names the first key paths only: an answer's paths may multiply out to millions.
+  constexpr std::size_t kMaxTracedKeyPaths = 1000;
   std::string out;
-  for (const std::string& keyPath : tree.keyPathStrings()) {
+  const std::vector<std::string> keyPaths = tree.keyPathStrings(kMaxTracedKeyPaths + 1);
+  for (std::size_t i = 0; i < keyPaths.size() && i < kMaxTracedKeyPaths; ++i) {
     if (!out.empty()) out += ", ";
-    out += keyPath;
+    out += keyPaths[i];
   }
+  if (keyPaths.size() > kMaxTracedKeyPaths) out += ", ...";
   return out;
 }
 
@@ -61,16 +65,23 @@ Read toRead(Result<CacheValues, BrivetError>&& result) {
 }
 }  // namespace
 
+// Waits for every write requested before it (earlier barriers on the cache
+// queue). The read itself runs afterwards on the caller's thread: reads take
+// the cache's current state without the queue, so a long walk never holds back
+// the writes and reads of other models queued behind it.
+void awaitEarlierWrites() {
+  cacheQueue()->sync([] {});
+}
+
 Read readCache(const CacheProtocol& cache, const PathTree& tree, bool checkExpiry) {
-  std::optional<Result<CacheValues, BrivetError>> result;
-  cacheQueue()->sync([&] { result.emplace(cache.getValues(tree, checkExpiry)); });
-  return toRead(std::move(*result));
+  awaitEarlierWrites();
+  return toRead(cache.getValues(tree, checkExpiry));
 }
 
 CacheEnvelope snapshotCache(const CacheProtocol& cache, const std::optional<PathTree>& tree) {
-  std::optional<CacheEnvelope> envelope;
-  cacheQueue()->sync([&] { envelope.emplace(cache.getCache(tree)); });
-  return std::move(*envelope);
+  // The graph and the version come from one published state, so they belong together.
+  awaitEarlierWrites();
+  return cache.getCache(tree);
 }
 
 Read readGraph(const JSONGraph& graph, const PathTree& tree) {

@@ -55,7 +55,8 @@ void signpostEvent(const SignpostLog& log, std::uint64_t id, std::string_view fo
   if (id != 0) log.event(id, log.category(), formatString(format, args...));
 }
 
-// The tree's key paths joined with ", " (signpost arguments).
+// The tree's key paths joined with ", " (signpost arguments); past the first
+// 1,000 the text ends with ", ...".
 std::string joinedKeyPaths(const PathTree& tree);
 // The same when signposts are on, else nothing (so untraced runs never join paths).
 std::string tracedKeyPaths(const PathTree& tree);
@@ -69,11 +70,10 @@ struct Read {
   PathTree missingOptimized;
   std::optional<BrivetError> error;
 };
-// Reads the cache inside a synchronous block on the cache queue, so the read
-// sees every write requested before it.
+// Reads the cache once every write requested before it has been applied, so
+// the read sees them all; the walk itself holds no queue.
 Read readCache(const CacheProtocol& cache, const PathTree& tree, bool checkExpiry);
-// A snapshot taken inside a synchronous block on the cache queue: beside other
-// readers, never beside a write, so graph and version belong together.
+// A snapshot taken the same way; graph and version come from one state.
 CacheEnvelope snapshotCache(const CacheProtocol& cache, const std::optional<PathTree>& tree);
 // Reads a stand-alone graph (a response), expiry not consulted.
 Read readGraph(const JSONGraph& graph, const PathTree& tree);
