@@ -232,6 +232,7 @@ Result<std::uint64_t, Error> readUnsigned(const Object& object, std::uint64_t ma
 }
 
 Error noValueError() { return typedError(AccessErrorCode::NoValue, "", "no value"); }
+Error readError(AccessErrorCode code, std::string reason) { return typedError(code, "", std::move(reason)); }
 
 Error wrongTypeError(std::string_view expected, const Object& found) {
   if (found.isNil()) return noValueError();

@@ -95,6 +95,8 @@ Result<std::uint64_t, Error> readUnsigned(const Object& object, std::uint64_t ma
 
 // Failures, and the same failure one level further out ("[3]" or "title" before its location).
 Error noValueError();
+// A failure of a read, placed where it happened by atKey/atKeys/atIndex.
+Error readError(AccessErrorCode code, std::string reason);
 Error wrongTypeError(std::string_view expected, const Object& found);
 Error refusedByConversionError(const Object& found);
 Error atIndex(const Error& inner, std::size_t index);
