@@ -222,6 +222,36 @@ TEST_F(ToolTest, SnapshotThenRestoreReadsTheSavedCacheOffline) {
   EXPECT_NE(unwritable.err.find("brivet: cannot write"), std::string::npos) << unwritable.err;
 }
 
+TEST_F(ToolTest, FailuresSayWhichPathFailedAndWhy) {
+  const std::string file = (dir_ / "cache.json").string();
+  std::ofstream(file) << R"({"$_version": 3, "jsonGraph": {
+      "videos": {"v1": {"title": {"$type": "error", "value": {"message": "title withdrawn"}}, "year": 1999}},
+      "loop": {"$type": "ref", "value": ["loop"]}}})";
+  expectOneLineError(tool({"restore", file, "videos.v1.title"}), 1,
+                     R"(responseJSONGraphFailed (pathBoundErrors): 1 error: at videos.v1.title: )"
+                     R"({"message":"title withdrawn"})");
+  expectOneLineError(tool({"restore", file, "videos.v1"}), 1,
+                     "responseJSONGraphFailed (invalidAttempt): the path ends on a branch, not a value, at videos.v1");
+  expectOneLineError(tool({"restore", file, "loop.x"}), 1, "reference chain longer than 1024");
+}
+
+TEST_F(ToolTest, RestoreSaysWhatItLeftOut) {
+  const std::string file = (dir_ / "cache.json").string();
+  std::ofstream(file) << R"({"$_version": 3, "jsonGraph": {"videos": {"v1": {
+      "title": {"$type": "atom", "value": "Old", "$expires": 1000}, "year": {"$type": "bogus", "value": 1},
+      "genre": "Drama"}}}})";
+  const Run run = tool({"restore", file, "videos.v1.genre", "videos.v1.title"});
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_NE(run.err.find("restore: " + file +
+                         " restored; 1 entry could not be read (restored as null); 1 leaf had already expired"),
+            std::string::npos)
+      << run.err;
+  EXPECT_TRUE(parseJSON(run.out).value().valueForKeyPath("videos.v1.title").isNil());  // expired: not answered
+
+  std::ofstream((dir_ / "future.json").string()) << R"({"jsonGraph": {}, "$_version": 18446744073709551615})";
+  expectOneLineError(tool({"restore", (dir_ / "future.json").string(), "a"}), 5, "lies outside 0...");
+}
+
 // The trace file as a trace viewer reads it: every interval closed, each
 // nested one inside its parent, on its root's track.
 struct TraceInterval {

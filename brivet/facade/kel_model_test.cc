@@ -259,6 +259,21 @@ TEST_F(KelFacadeTest, SynchronousCacheOperationsForward) {
   EXPECT_EQ(std::dynamic_pointer_cast<KelModelMediator>(model)->optimizedPaths(), Strings{"lists.top"});
 }
 
+TEST_F(KelFacadeTest, AFrozenDictionaryMergedByTheAppStaysWritable) {
+  // The app's constant: immutable all the way down, as a literal would be.
+  const Object constant = parseJSON(R"({"videos": {"v9": {"title": "Nine"}}})").value();
+  model->mergeJSONDictionaryIntoModel(constant);
+  // A get under that branch fetches once, and the answer lands in the cache.
+  EXPECT_EQ(get({"videos.v1.title"}).result().valueForKeyPath("videos.v1.title").stringValue(), "One");
+  EXPECT_EQ(fetches(), 1u);
+  EXPECT_EQ(get({"videos.v1.title", "videos.v9.title"}).result().valueForKeyPath("videos.v9.title").stringValue(),
+            "Nine");
+  EXPECT_EQ(fetches(), 1u);
+  model->setValueForKeyPath(Object(1999), "videos.v9.year");
+  EXPECT_EQ(model->valueForKeyPath("videos.v9.year").asNumber()->int64Value(), 1999);
+  EXPECT_TRUE(constant.isEqual(parseJSON(R"({"videos": {"v9": {"title": "Nine"}}})").value()));  // left alone
+}
+
 TEST_F(KelFacadeTest, SnapshotsRoundTripThroughTheFacade) {
   get({"lists.top.@range(0,2).title"});
   const Result<std::string> all = model->serializeCacheWithKeyPaths(std::nullopt);

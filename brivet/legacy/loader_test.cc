@@ -1,6 +1,7 @@
 // The legacy model's requests: get options, data-source parameters, responses, errors and their delivery.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
 
 #include "brivet/legacy/model.h"
@@ -319,6 +320,103 @@ TEST_F(LegacyCallTest, CallFailures) {
   EXPECT_EQ(last.errors()[0]->localizedDescription(),
             "BrivetLoader:callFunction ERROR: 'data source' is not specified.");
   EXPECT_EQ(tracer->ends().back().error, last.errors()[0]);
+}
+
+// Dictionaries that enter the cache immutable (app constants, a data source that builds its answers without
+// mutable containers) must not freeze their branch: every later write under it has to land.
+class LegacyFrozenBranchTest : public LegacyCallTest {
+ protected:
+  // JSON text as immutable containers, the way an application writes constants.
+  static Object frozen(std::string_view text) { return parseJSON(text, JSONReadingOptions::FragmentsAllowed).value(); }
+  // An answer whose "value" is mutable, as the model requires, with everything inside it immutable.
+  static ScriptedResponse frozenAnswer(std::string_view graph) {
+    return ScriptedResponse{Object::mutableDictionary({{"value", frozen(graph).mutableCopy()}}), Object(), {}};
+  }
+
+  // Every dictionary the cache holds can be written into.
+  bool everyBranchWritable() {
+    bool writable = true;
+    std::function<void(const Object&)> visit = [&](const Object& node) {
+      const Dictionary* d = node.asDictionary();
+      if (d == nullptr) return;
+      writable = writable && node.isMutableDictionary();
+      for (const auto& entry : *d) visit(entry.second);
+    };
+    model->jsongModelAccessQueue()->sync([&] { visit(model->jsongModel()); });
+    return writable;
+  }
+
+  // After `enter` put {"shows": {"s1": {"title": "One"}}} into the cache: a fetched answer, a merge and a set under
+  // that branch all land, and a get of what they wrote is answered from the cache.
+  void expectLaterWritesLand(const std::function<void()>& enter) {
+    enter();
+    flush();
+    ASSERT_EQ(model->valueForKeyPath("shows.s1.title").stringValue(), "One");
+    EXPECT_TRUE(everyBranchWritable());
+    respondWith(R"({"value": {"shows": {"s2": {"title": "Two"}}}})");
+    EXPECT_EQ(get({"shows.s2.title"}, BrivetModelOptionDefault).valueForKeyPath("shows.s2.title").stringValue(), "Two");
+    const std::size_t requests = dataSource->getParams().size();
+    model->mergeJSONDictionaryIntoModel(json(R"({"shows": {"s1": {"year": 2001}}})"));
+    model->setValueForKeyPath(Object("Uno"), "shows.s1.title");
+    const Object cached = get({"shows.s1.title", "shows.s1.year", "shows.s2.title"}, BrivetModelOptionDefault);
+    EXPECT_EQ(dataSource->getParams().size(), requests);  // nothing fetched again
+    EXPECT_TRUE(cached.isEqual(json(R"({"shows": {"s1": {"title": "Uno", "year": 2001}, "s2": {"title": "Two"}}})")))
+        << cached.description();
+  }
+};
+
+TEST_F(LegacyFrozenBranchTest, AMergedDictionary) {
+  expectLaterWritesLand([&] { model->mergeJSONDictionaryIntoModel(frozen(R"({"shows": {"s1": {"title": "One"}}})")); });
+}
+
+TEST_F(LegacyFrozenBranchTest, AFetchedAnswer) {
+  expectLaterWritesLand([&] {
+    dataSource->response = frozenAnswer(R"({"shows": {"s1": {"title": "One"}}})");
+    get({"shows.s1.title"}, BrivetModelOptionDefault);
+  });
+}
+
+TEST_F(LegacyFrozenBranchTest, ACallAnswer) {
+  expectLaterWritesLand([&] {
+    dataSource->response = frozenAnswer(R"({"shows": {"s1": {"title": "One"}}})");
+    call(function(std::nullopt));
+  });
+}
+
+TEST_F(LegacyFrozenBranchTest, ASetDictionary) {
+  expectLaterWritesLand([&] { model->setValueForKeyPath(frozen(R"({"s1": {"title": "One"}})"), "shows"); });
+}
+
+TEST_F(LegacyFrozenBranchTest, ARestoredSnapshot) {
+  expectLaterWritesLand([&] {
+    ASSERT_TRUE(model->deserializeCache(R"({"jsonGraph": {"shows": {"s1": {"title": "One"}}}, "$_version": 0})"));
+  });
+}
+
+TEST_F(LegacyFrozenBranchTest, ReferencesIntoAFrozenAnswerPointAtWhatTheCacheHolds) {
+  // The list is merged before the shows it refers to: the reference must lead to the cache's copy of "s1",
+  // not to the application's immutable one, or later writes would not show through it.
+  const Object answer = frozen(R"({"a": {"top": {"0": ["shows", "s1"]}}, "shows": {"s1": {"title": "One"}}})");
+  model->mergeJSONDictionaryIntoModel(answer);
+  model->setValueForKeyPath(Object(2001), "shows.s1.year");
+  EXPECT_TRUE(get({"a.top.0.year"}, BrivetModelOptionReturnCacheDataDontFetch)
+                  .isEqual(json(R"({"a": {"top": {"0": {"year": 2001}}}})")));
+  EXPECT_TRUE(everyBranchWritable());
+}
+
+TEST_F(LegacyFrozenBranchTest, AFrozenLeafMergedIntoACachedBranchIsWritableInside) {
+  model->mergeJSONDictionaryIntoModel(json(R"({"shows": {"s1": {"title": "One"}}})"));
+  model->mergeJSONDictionaryIntoModel(frozen(R"({"shows": {"s1": {"box": {"$type": "leaf", "size": {"w": 1}}}}})"));
+  model->setValueForKeyPath(Object(2), "shows.s1.box.size.h");
+  EXPECT_EQ(model->valueForKeyPath("shows.s1.box.size.h").asNumber()->int64Value(), 2);
+  EXPECT_TRUE(everyBranchWritable());
+}
+
+TEST_F(LegacyFrozenBranchTest, AFrozenLeafStillGetsItsAbsoluteExpiry) {
+  dataSource->expiration = true;
+  model->mergeJSONDictionaryIntoModel(frozen(R"({"shows": {"s1": {"box": {"$type": "leaf", "$expires": -60000}}}})"));
+  flush();
+  EXPECT_GT(model->valueForKeyPath("shows.s1.box.$expires").asNumber()->doubleValue(), 1e12);
 }
 
 TEST_F(LegacyLoaderTest, ReleasingTheModelDropsPendingAnswers) {

@@ -56,6 +56,77 @@ Object childOf(const Object& node, const Object& key) {
   return node.isCustom() ? node.valueForKey(keyText(key)) : Object();
 }
 
+// The cache writes into its dictionaries (merges, fetched answers, sets, invalidations), so every dictionary it
+// holds must be mutable: an immutable one would silently drop every later write under it. Dictionaries that come
+// in immutable are replaced by mutable copies where they enter; the helpers below do that.
+
+// Whether `value` is a dictionary the cache cannot write into (inline: the merge asks for every value).
+bool isFrozenDictionary(const Object& value) {
+  const Dictionary* d = value.asDictionary();
+  return d != nullptr && !d->isMutable();
+}
+
+// `value` itself when it is not an immutable dictionary, else a mutable (shallow) copy.
+Object writable(const Object& value) { return isFrozenDictionary(value) ? value.mutableCopy() : value; }
+
+// A copy of `value` in which every dictionary is a new mutable one (values of other kinds are shared). Nesting
+// past the merge's bound is kept as it is.
+Object deepWritableCopy(const Object& value, std::size_t depth = 0) {
+  const Dictionary* d = value.asDictionary();
+  if (d == nullptr || depth > internal::kMaxMergeDepth) return value;
+  std::vector<Object::Entry> entries;
+  entries.reserve(d->size());
+  for (const auto& [key, child] : *d) entries.emplace_back(key, deepWritableCopy(child, depth + 1));
+  return Object::dictionaryWithDistinctKeys(std::move(entries), true);
+}
+
+// Replaces, inside the mutable `dictionary`, every immutable dictionary below it by a mutable copy (for a node the
+// cache adopts without merging it key by key: a leaf).
+void makeNestedWritable(const Object& dictionary, std::size_t depth = 0) {
+  const Dictionary* d = dictionary.asDictionary();
+  if (d == nullptr || !d->isMutable() || depth > internal::kMaxMergeDepth) return;
+  // Most leaves hold values only: nothing to do, nothing to allocate.
+  if (std::none_of(d->begin(), d->end(), [](const Dictionary::Entry& e) { return e.second.isDictionary(); })) return;
+  Dictionary* writableD = dictionary.asMutableDictionary();
+  for (const Object& key : d->allKeys()) {
+    Object child = d->objectForKey(key);
+    if (!child.isDictionary()) continue;
+    if (isFrozenDictionary(child)) {
+      child = child.mutableCopy();
+      writableD->setObject(child, key);
+    }
+    makeNestedWritable(child, depth + 1);
+  }
+}
+
+// What `root.valueForKeyPath(keyPath)` finds, with every immutable dictionary on the way (the result included)
+// replaced in its parent by a mutable copy, so that what the merge then adopts from there is writable and a
+// reference made to it points at the very node the cache will hold. References on the way are followed, a
+// bounded number of times.
+Object writableValueForKeyPath(const Object& root, std::string_view keyPath) {
+  Object node = root;
+  std::size_t hops = 0;
+  std::size_t start = 0;
+  for (;;) {
+    while (const BrivetPathReference* reference = BrivetPathReference::cast(node)) {
+      if (++hops > BrivetPathReference::kMaxReferenceHops) return Object();
+      node = reference->hardReference();
+    }
+    const Dictionary* d = node.asDictionary();
+    if (d == nullptr) return Object();
+    const std::size_t dot = keyPath.find('.', start);
+    const std::string_view component = keyPath.substr(start, dot == std::string_view::npos ? dot : dot - start);
+    Object child = d->objectForKey(component);
+    if (d->isMutable() && isFrozenDictionary(child)) {
+      child = child.mutableCopy();
+      node.asMutableDictionary()->setObject(child, component);
+    }
+    if (dot == std::string_view::npos || child.isNil()) return child;
+    node = std::move(child);
+    start = dot + 1;
+  }
+}
+
 std::string indexText(std::int64_t i) {
   char buffer[24];
   const auto end = std::to_chars(buffer, buffer + sizeof buffer, i).ptr;
@@ -174,14 +245,16 @@ Object BrivetModel::safeValueForKeyPath(std::string_view keyPath) {
 
 // --- Writing ---
 
+// A dictionary value is stored as a copy of mutable dictionaries: the cache can write under it, and the caller's
+// own object is neither adopted nor written into.
 void BrivetModel::setValueForKeyPath(const Object& value, std::string_view keyPath) {
-  queue_->asyncBarrier([weak = weak_from_this(), value, keyPath = std::string(keyPath)] {
+  queue_->asyncBarrier([weak = weak_from_this(), value = deepWritableCopy(value), keyPath = std::string(keyPath)] {
     if (auto self = weak.lock()) self->jsongModel_.setValueForKeyPath(value, keyPath);
   });
 }
 
 void BrivetModel::setValueForKey(const Object& value, std::string_view key) {
-  queue_->asyncBarrier([weak = weak_from_this(), value, key = std::string(key)] {
+  queue_->asyncBarrier([weak = weak_from_this(), value = deepWritableCopy(value), key = std::string(key)] {
     if (auto self = weak.lock()) self->jsongModel_.setValueForKey(value, key);
   });
 }
@@ -317,11 +390,15 @@ void BrivetModel::buildJSONGraph(const Object& jsonGraphModel, const Object& jso
     logInfo("BrivetModel:buildJSONGraph ERROR: Invalid 'jsonGraphModel' argument.");
     return;
   }
-  mergeNode(jsonGraphModel, jsonGraphNode, json, jsonNode, 0);
+  // The merge makes the JSON it reads writable as it goes (and stores references into it): it needs a writable
+  // root to start from.
+  const Object root = writable(json);
+  mergeNode(jsonGraphModel, jsonGraphNode, root, jsonNode.isNil() || jsonNode.isIdentical(json) ? root : jsonNode, 0,
+            nullptr);
 }
 
 void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, const Object& jsonRoot,
-                            const Object& jsonNodeIn, std::size_t depth) {
+                            const Object& jsonNodeIn, std::size_t depth, std::size_t* leftOut) {
   if (depth > internal::kMaxMergeDepth) return;
   Object graphNode = graphNodeIn.isNil() ? graphRoot : graphNodeIn;
   Object jsonNode = jsonNodeIn.isNil() ? jsonRoot : jsonNodeIn;
@@ -332,57 +409,72 @@ void BrivetModel::mergeNode(const Object& graphRoot, const Object& graphNodeIn, 
   const bool sameNode = graphNode.isIdentical(jsonNode);
   // A snapshot of the keys: merging may replace values of this node (and, through references, of others).
   for (const Object& key : source->allKeys()) {
-    const Object value = source->objectForKey(key);
+    Object value = source->objectForKey(key);
+    if (isFrozenDictionary(value)) {
+      // Whatever the cache adopts from here must be writable; the copy takes the original's place in the JSON
+      // too, so that references resolved in the JSON later find the node the cache holds.
+      value = value.mutableCopy();
+      if (source->isMutable()) jsonNode.asMutableDictionary()->setObject(value, key);
+    }
     if (const Array* array = value.asArray()) {
       if (!array->empty() && (*array)[0].isString()) {
-        mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth);
+        mergeReference(graphRoot, graphNode, jsonRoot, jsonNode, key, value, depth, leftOut);
       } else if (!sameNode) {
         setChild(graphNode, key,
                  keyEquals(key, BRIVET_NODE_PROFILES_KEY) ? arrayByReplacingNullsWithBlanks(value) : value);
       }
     } else if (value.isDictionary()) {
       if (isLeafNode(value) && !sameNode) {
+        makeNestedWritable(value);
         setChild(graphNode, key, convertLeafToAbsoluteExpiration(value));
       } else if (sameNode) {
-        mergeNode(graphRoot, value, jsonRoot, value, depth + 1);
+        mergeNode(graphRoot, value, jsonRoot, value, depth + 1, leftOut);
       } else {
         const Object existing = childOf(graphNode, key);
         if (existing.isNil()) {
           setChild(graphNode, key, value);
-          mergeNode(graphRoot, value, jsonRoot, value, depth + 1);
-        } else if (!existing.isDictionary()) {
-          const Object fresh = Object::mutableDictionary();
+          mergeNode(graphRoot, value, jsonRoot, value, depth + 1, leftOut);
+        } else if (!existing.isDictionary() || isFrozenDictionary(existing)) {
+          // Not a dictionary (or, had one slipped in, an immutable one): a writable node takes its place.
+          const Object fresh = existing.isDictionary() ? existing.mutableCopy() : Object::mutableDictionary();
           setChild(graphNode, key, fresh);
-          mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1);
+          mergeNode(graphRoot, fresh, jsonRoot, value, depth + 1, leftOut);
         } else {
-          mergeNode(graphRoot, existing, jsonRoot, value, depth + 1);
+          mergeNode(graphRoot, existing, jsonRoot, value, depth + 1, leftOut);
         }
       }
     } else if (value.isString() || value.isNumber()) {
       setChild(graphNode, key, keyEquals(key, BRIVET_NODE_EXPIRES_KEY) ? convertToAbsoluteExpiration(value) : value);
+    } else if (leftOut != nullptr && !sameNode && !value.isCustom()) {
+      ++*leftOut;  // (a node adopted as a whole keeps such values as they are)
     }
     // Anything else (null, a reference already built, dates, data) is not part of a response graph: ignored.
   }
 }
 
 void BrivetModel::mergeReference(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot,
-                                 const Object& jsonNode, const Object& key, const Object& path, std::size_t depth) {
+                                 const Object& jsonNode, const Object& key, const Object& path, std::size_t depth,
+                                 std::size_t* leftOut) {
   const std::string keyPath = internal::joinDescriptions(path, BRIVET_KEY_PATH_SEPARATOR);
   const Object graphTarget = graphRoot.valueForKeyPath(keyPath);
-  const Object jsonTarget = jsonRoot.valueForKeyPath(keyPath);
+  const Object jsonTarget = writableValueForKeyPath(jsonRoot, keyPath);
   if (jsonTarget.isNil()) {
     // The response does not hold the target: point the response at what the cache has (the cache keeps its
     // own value under the key).
-    if (!graphTarget.isNil()) setChild(jsonNode, key, graphTarget);
+    if (!graphTarget.isNil()) {
+      setChild(jsonNode, key, graphTarget);
+    } else if (leftOut != nullptr && !graphNode.isIdentical(jsonNode)) {
+      ++*leftOut;  // a reference to nothing is not stored (a node adopted as a whole keeps it as a list)
+    }
     return;
   }
   const Object reference = BrivetPathReference::make(path.copy(), jsonTarget, graphRoot);
   setChild(graphNode, key, reference);
   setChild(jsonNode, key, reference);
   if (graphTarget.isNil()) {
-    mergeNode(graphRoot, jsonTarget, jsonRoot, jsonTarget, depth + 1);
+    mergeNode(graphRoot, jsonTarget, jsonRoot, jsonTarget, depth + 1, leftOut);
   } else if (!graphTarget.isArray()) {
-    mergeNode(graphRoot, graphTarget, jsonRoot, jsonTarget, depth + 1);
+    mergeNode(graphRoot, graphTarget, jsonRoot, jsonTarget, depth + 1, leftOut);
   }
 }
 
@@ -456,7 +548,8 @@ std::optional<std::string> BrivetModel::serializeCacheWithKeyPaths(
   return std::move(text).value();
 }
 
-bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error) {
+bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error,
+                                   BrivetRestoreReport* report) {
   if (!data) return false;
   Result<Object> parsed = parseJSON(*data, JSONReadingOptions::MutableContainers);
   if (!parsed.ok()) {
@@ -464,8 +557,38 @@ bool BrivetModel::deserializeCache(std::optional<std::string_view> data, std::op
     return false;
   }
   if (!parsed->isMutableDictionary()) return false;
-  mergeJSONDictionaryIntoModel(internal::removeCacheEnvelope(*parsed));
+  const Object graph = internal::removeCacheEnvelope(*parsed);
+  if (report == nullptr) {
+    mergeJSONDictionaryIntoModel(graph);
+    return true;
+  }
+  *report = BrivetRestoreReport();
+  queue_->syncBarrier([&] {
+    mergeNode(jsongModel_, Object(), graph, Object(), 0, &report->leftOut);
+    // The snapshot's nodes are the cache's now: its leaves are the ones restored.
+    if (isCacheExpirationEnabled()) report->expiredLeaves = countExpiredLeaves(graph, 0);
+  });
   return true;
+}
+
+std::size_t BrivetModel::countExpiredLeaves(const Object& node, std::size_t depth) {
+  const Dictionary* d = node.asDictionary();
+  if (d == nullptr || depth > internal::kMaxMergeDepth) return 0;
+  if (isLeafNode(node)) return isLeafNodeExpired(node) ? 1 : 0;
+  std::size_t count = 0;
+  for (const auto& entry : *d) count += countExpiredLeaves(entry.second, depth + 1);
+  return count;
+}
+
+std::string BrivetRestoreReport::description() const {
+  if (leftOut == 0 && expiredLeaves == 0) return "nothing left out";
+  std::string out;
+  if (leftOut > 0) out = std::to_string(leftOut) + (leftOut == 1 ? " entry" : " entries") + " left out";
+  if (expiredLeaves > 0) {
+    out += (out.empty() ? "" : "; ") + std::to_string(expiredLeaves) +
+           (expiredLeaves == 1 ? " leaf already expired" : " leaves already expired");
+  }
+  return out;
 }
 
 }  // namespace brivet

@@ -42,6 +42,17 @@
 
 namespace brivet {
 
+// What restoring a snapshot left out, for callers that ask (`deserializeCache`).
+struct BrivetRestoreReport {
+  // Entries not stored: values that are no part of a graph (nulls), and references whose target neither the
+  // snapshot nor the cache holds.
+  std::size_t leftOut = 0;
+  // Leaves restored already expired (only while the data source enables expiry): a get fetches them again.
+  std::size_t expiredLeaves = 0;
+  // "2 entries left out; 1 leaf already expired", or "nothing left out".
+  std::string description() const;
+};
+
 class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   struct Passkey {};
 
@@ -90,9 +101,12 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   // `keyPaths` is absent or empty.
   std::optional<std::string> serializeCacheWithKeyPaths(const std::optional<std::vector<std::string>>& keyPaths,
                                                         std::optional<Error>* error = nullptr);
-  // Parses a snapshot (or a bare graph) and merges it; false for absent data, text that is not a JSON object
-  // (the parser's error in `error`). The merge completes asynchronously, before any later read.
-  bool deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error = nullptr);
+  // Parses a snapshot (or a bare graph, or a snapshot of any "$_version") and merges it; false for absent data,
+  // text that is not a JSON object (the parser's error in `error`). The merge completes asynchronously, before
+  // any later read; with a `report`, it has completed when the call returns and the report says what it left
+  // out (do not ask for one from inside a block of the model's queue).
+  bool deserializeCache(std::optional<std::string_view> data, std::optional<Error>* error = nullptr,
+                        BrivetRestoreReport* report = nullptr);
 
   // --- Requests ---
   // Gets the key paths under `option`; returns the data source's subscription object, or nil when nothing was
@@ -163,10 +177,12 @@ class BrivetModel : public std::enable_shared_from_this<BrivetModel> {
   void collectMisses(std::vector<std::string>& misses, const BrivetPath* path, std::optional<std::string> prefix);
   void collectRangeMisses(std::vector<std::string>& misses, std::string_view fragment, const BrivetPath* next,
                           const std::optional<std::string>& prefix);
+  // `leftOut`, when given, counts the entries the merge does not store.
   void mergeNode(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot, const Object& jsonNode,
-                 std::size_t depth);
+                 std::size_t depth, std::size_t* leftOut);
   void mergeReference(const Object& graphRoot, const Object& graphNode, const Object& jsonRoot, const Object& jsonNode,
-                      const Object& key, const Object& path, std::size_t depth);
+                      const Object& key, const Object& path, std::size_t depth, std::size_t* leftOut);
+  std::size_t countExpiredLeaves(const Object& node, std::size_t depth);
 
   // Loader.
   Object fetchKeyPaths(const std::optional<std::vector<std::string>>& keyPaths, const UUID& uuid,

@@ -241,6 +241,36 @@ TEST_F(LegacyCacheTest, RestoringRejectsWhatIsNotASnapshot) {
   EXPECT_EQ(model->valueForKeyPath("bare.graph").asNumber()->int64Value(), 1);
 }
 
+TEST_F(LegacyCacheTest, SnapshotsOfAnyVersionRestore) {
+  // The model writes version 0; a snapshot of any number, the core's largest included, is unwrapped alike.
+  ASSERT_EQ(json(*model->serializeCache())["$_version"].asNumber()->int64Value(), 0);
+  for (const char* version : {"0", "9223372036854775807", "18446744073709551615", "-1", "2.5"}) {
+    auto restored = BrivetModel::create();
+    ASSERT_TRUE(restored->deserializeCache(std::string(R"({"jsonGraph": {"a": {"b": 1}}, "$_version": )") + version +
+                                           "}"));
+    EXPECT_EQ(restored->valueForKeyPath("a.b").asNumber()->int64Value(), 1) << version;
+    EXPECT_TRUE(restored->valueForKey("jsonGraph").isNil()) << version;
+  }
+}
+
+TEST_F(LegacyCacheTest, ARestoreReportsWhatItLeftOut) {
+  dataSource->expiration = true;
+  model->mergeJSONDictionaryIntoModel(json(R"({"a": {"ok": 0}})"));
+  // Merged into the cached "a": the null and the reference to nothing are not stored.
+  BrivetRestoreReport report;
+  ASSERT_TRUE(model->deserializeCache(R"({"jsonGraph": {"a": {"gone": null, "ref": ["nowhere", "x"], "ok": 1,
+      "old": {"$type": "leaf", "$expires": 1000, "v": 1}, "new": {"$type": "leaf", "$expires": 1, "v": 2}}},
+      "$_version": 0})", nullptr, &report));
+  EXPECT_EQ(report.leftOut, 2u);
+  EXPECT_EQ(report.expiredLeaves, 1u);
+  EXPECT_EQ(report.description(), "2 entries left out; 1 leaf already expired");
+  EXPECT_EQ(stored("a.ok").asNumber()->int64Value(), 1);  // the restore completed before the call returned
+  EXPECT_TRUE(stored("a.ref").isNil());
+  auto fresh = BrivetModel::create();
+  ASSERT_TRUE(fresh->deserializeCache(*model->serializeCache(), nullptr, &report));
+  EXPECT_EQ(report.description(), "nothing left out");  // expiry is the data source's switch, and it has none
+}
+
 TEST_F(LegacyCacheTest, ReferenceCyclesNeitherHangNorOverflowTheStack) {
   model->mergeJSONDictionaryIntoModel(
       json(R"({"self": ["self"], "a": {"up": ["a"], "v": 1}, "p": ["q"], "q": ["p"]})"));

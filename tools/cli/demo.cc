@@ -61,7 +61,11 @@ class Walkthrough {
     const auto elapsed = since(start);
     const Session::Requests requests = session_.takeRequests();
     if (!outcome.ended || outcome.error) {
-      expect(false, outcome.error ? oneLine(outcome.error->description()) : "no answer in time");
+      std::string why = "no answer in time";
+      if (outcome.error) {
+        why = oneLine(outcome.error->isBrivetError() ? outcome.error->text() : outcome.error->description());
+      }
+      expect(false, why);
       return {};
     }
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
@@ -153,7 +157,8 @@ void coreWalk(Walkthrough& w, Session& session, const std::string& snapshotPath)
         " bytes) to " + snapshotPath);
   auto offline = TovBrivet::createTovModelWithUrl(std::nullopt, nullptr);
   const auto start = Clock::now();
-  w.expect(offline->deserializeCache(text.value()).ok(), "the snapshot could not be restored");
+  const Result<SnapshotReport> restored = offline->deserializeCache(text.value());
+  w.expect(restored.ok() && restored->restored(), "the snapshot could not be restored");
   w.say("restored in " + formatDuration(since(start)) + "; the new model reads, with no network:");
   const StreamOutcome read = await(offline->getWithKeyPaths(home)->asStream(), std::chrono::seconds(5));
   w.expect(read.ended && !read.error && !read.values.empty(), "the restored model could not read the cache");

@@ -307,9 +307,18 @@ int commandRestore(ToolOptions options, std::ostream& out, std::ostream& err) {
                                                                    "object and \"$_version\" number)"}));
   }
   auto model = TovBrivet::createTovModelWithUrl(std::nullopt, nullptr);
-  if (Result<void> restored = model->deserializeCache(text.value()); !restored.ok()) {
+  Result<SnapshotReport> restored = model->deserializeCache(text.value());
+  if (!restored.ok()) {
     return trace.finish(err, fail(err, {kExitFile, "cannot restore " + oneLine(file) + ": " +
                                                        oneLine(restored.error().localizedDescription())}));
+  }
+  // What the restore refused or left out is said before anything is read from it.
+  if (!restored->restored()) {
+    return trace.finish(err, fail(err, {kExitFile, "cannot restore " + oneLine(file) + ": " +
+                                                       oneLine(restored->refusal)}));
+  }
+  if (restored->unreadableEntries > 0 || restored->expiredLeaves > 0) {
+    err << "restore: " << oneLine(file) << " " << restored->description() << "\n";
   }
   const StreamOutcome outcome = await(model->withoutDataSource()->getWithKeyPaths(options.arguments)->asStream(),
                                       options.timeout);
@@ -396,7 +405,12 @@ ToolFailure describeFailure(const RequestFailure& failure) {
     }
     return line(kExitFailed, "the request failed" + detail);
   }
-  if (failure.error) return line(kExitFailed, "the request failed: " + oneLine(failure.error->description()));
+  if (failure.error) {
+    // A core failure says which path failed and why (the server's message, the
+    // error leaf's value, the keys read); its platform error would only name its case.
+    if (failure.error->isBrivetError()) return line(kExitFailed, oneLine(failure.error->text()));
+    return line(kExitFailed, "the request failed: " + oneLine(failure.error->description()));
+  }
   return line(kExitFailed, "the request failed");
 }
 

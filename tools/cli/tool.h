@@ -76,6 +76,8 @@ struct RequestFailure {
 };
 // The line (without "brivet: ") and exit code of a failed request: the
 // command, its paths and URL, then the cause and the server's own message.
+// A failure of the core model is shown by its `BrivetError::text()` (which
+// path failed and why), bounded like any text from outside.
 ToolFailure describeFailure(const RequestFailure& failure);
 
 // Text from outside (a server's message, an error's text) fit for one line:
@@ -121,7 +123,9 @@ class Session {
 };
 
 // Subscribes to an operation's stream and runs the main queue until it ends
-// (or `timeout`): every value delivered, and the error if it failed.
+// (or `timeout`): every value delivered, and the error if it failed, as the
+// core reports it (a core failure keeps its whole `BrivetError`, whose
+// `text()` the failure line shows).
 struct StreamOutcome {
   std::vector<Object> values;
   std::optional<StreamError> error;

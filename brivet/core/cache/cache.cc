@@ -1,8 +1,8 @@
 #include "brivet/core/cache/cache.h"
 
 #include <atomic>
-#include <limits>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "brivet/core/cache/internal/graph_walk.h"
@@ -64,24 +64,53 @@ struct State {
   std::shared_ptr<Memo> memo = std::make_shared<Memo>();
 };
 
+// Versions stay within 0...kMaxCacheVersion, so that every snapshot restores (cache_envelope.h).
 std::uint64_t nextVersion(std::uint64_t version) {
-  if (version == std::numeric_limits<std::uint64_t>::max()) BRIVET_FATAL("cache version stepped past its maximum");
+  if (version >= kMaxCacheVersion) BRIVET_FATAL("cache version stepped past its maximum");
   return version + 1;
 }
 
-// Later dictionaries laid over earlier ones: on a key both hold a dictionary
-// under, the two merge; otherwise the later value is stored.
-Object mergeDictionaries(const Object& earlier, const Object& later) {
-  const Dictionary* a = earlier.asDictionary();
-  const Dictionary* b = later.asDictionary();
-  Object out = earlier.mutableCopy();
-  Dictionary* d = out.asMutableDictionary();
-  for (const auto& [key, value] : *b) {
-    const Object old = a->objectForKey(key);
-    d->setObject(old.isDictionary() && value.isDictionary() ? mergeDictionaries(old, value) : value, key);
+// Lays dictionaries over each other in order: on a key both hold a dictionary
+// under, the two merge; otherwise the later value is stored. The inputs are
+// never written into (memo entries are shared by every later read): a
+// dictionary of an input is copied, shallowly, the first time something must
+// be merged into it, and the copy is written into from then on. Each input
+// dictionary is therefore copied at most once where it lies in the result, and
+// the merge costs what the inputs hold, however many there are.
+class DictionaryMerge {
+ public:
+  explicit DictionaryMerge(const Object& first) : root_(writable(first)) {}
+
+  void add(const Object& later) { mergeInto(*root_.asMutableDictionary(), *later.asDictionary()); }
+  Object result() const { return root_; }
+
+ private:
+  Object writable(const Object& dictionary) {
+    Object copy = dictionary.mutableCopy();
+    written_.insert(copy.impl().get());
+    return copy;
   }
-  return out.copy();
-}
+
+  // Recursion is as deep as the values, which the graph bounds.
+  void mergeInto(Dictionary& into, const Dictionary& later) {
+    for (const auto& [key, value] : later) {
+      const Object old = into.objectForKey(key);
+      if (old.isDictionary() && value.isDictionary()) {
+        Object target = old;
+        if (!written_.contains(old.impl().get())) {
+          target = writable(old);
+          into.setObject(target, key);
+        }
+        mergeInto(*target.asMutableDictionary(), *value.asDictionary());
+      } else {
+        into.setObject(value, key);
+      }
+    }
+  }
+
+  std::unordered_set<const ObjectBase*> written_;
+  Object root_;
+};
 
 std::optional<internal::KeyTextSet> toSet(const std::optional<std::vector<std::string>>& texts) {
   if (!texts) return std::nullopt;
@@ -129,38 +158,25 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     return CacheEnvelope{internal::graphFromSlot(std::move(extracted->graph)), state->version};
   }
 
-  Object getJSON(const std::vector<Path>& paths) const override {
+  Result<Object, BrivetError> getJSON(const std::vector<Path>& paths) const override {
     const std::shared_ptr<const State> state = current();
     const Slot root = internal::slot(state->graph);
-    std::vector<Object> found;
-    found.reserve(paths.size());
+    std::optional<DictionaryMerge> merged;
+    Object only;  // the one dictionary, as long as there is only one
     for (const Path& path : paths) {
-      if (prefixes_ && !path.empty() && internal::keySetTouches(path[0], *prefixes_)) {
-        Result<internal::Extraction, BrivetError> extracted = internal::extract(root, {path}, true);
-        if (!extracted.ok()) return Object::dictionary();
-        const Object raw = internal::graphSlotToAny(extracted->graph.get());
-        found.push_back(raw.isDictionary() ? raw : Object::dictionary());
-        continue;
+      Result<Object, BrivetError> found = readJSON(*state, root, path);
+      if (!found.ok()) return Failure{found.error()};
+      if (merged) {
+        merged->add(found.value());
+      } else if (only.isNil()) {
+        only = std::move(found).value();
+      } else {
+        merged.emplace(only);
+        merged->add(found.value());
       }
-      if (Object memoised = state->memo->find(path); memoised.isDictionary()) {
-        found.push_back(std::move(memoised));
-        continue;
-      }
-      Result<SlotRef, BrivetError> value = internal::readPathValue(root, path);
-      if (!value.ok()) return Object::dictionary();
-      const Object read = value->get() == internal::kEmpty ? Object() : internal::valueSlotToAny(value->get());
-      Object dictionary = read.isDictionary() ? read : Object::dictionary();
-      if (optimizedPaths_ && !path.empty() && internal::keySetTouches(path[0], *optimizedPaths_)) {
-        cacheQueue()->asyncBarrier([weak = weak_from_this(), memo = state->memo, path, dictionary] {
-          if (weak.lock()) memo->store(path, dictionary);
-        });
-      }
-      found.push_back(std::move(dictionary));
     }
-    if (found.empty()) return Object::dictionary();
-    Object merged = found[0];
-    for (std::size_t i = 1; i < found.size(); ++i) merged = mergeDictionaries(merged, found[i]);
-    return merged;
+    if (merged) return merged->result();
+    return only.isNil() ? Object::dictionary() : only;
   }
 
   void merge(JSONGraph jsonGraph) override {
@@ -170,10 +186,33 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     write([tree = std::move(pathTree)](CacheImpl& cache) { cache.applyInvalidation(tree); });
   }
   void setCache(CacheEnvelope envelope) override {
+    BRIVET_PRECONDITION(envelope.version <= kMaxCacheVersion, "cache version above kMaxCacheVersion");
     write([envelope = std::move(envelope)](CacheImpl& cache) { cache.publish(envelope.jsonGraph, envelope.version); });
   }
 
  private:
+  // One path's platform dictionary: the raw sub-graph for a prefix, else the
+  // memo's entry or the value read (memoised for an optimized path).
+  Result<Object, BrivetError> readJSON(const State& state, Slot root, const Path& path) const {
+    if (prefixes_ && !path.empty() && internal::keySetTouches(path[0], *prefixes_)) {
+      Result<internal::Extraction, BrivetError> extracted = internal::extract(root, {path}, true);
+      if (!extracted.ok()) return Failure{extracted.error()};
+      const Object raw = internal::graphSlotToAny(extracted->graph.get());
+      return raw.isDictionary() ? raw : Object::dictionary();
+    }
+    if (Object memoised = state.memo->find(path); memoised.isDictionary()) return memoised;
+    Result<SlotRef, BrivetError> value = internal::readPathValue(root, path);
+    if (!value.ok()) return Failure{value.error()};
+    const Object read = value->get() == internal::kEmpty ? Object() : internal::valueSlotToAny(value->get());
+    Object dictionary = read.isDictionary() ? read : Object::dictionary();
+    if (optimizedPaths_ && !path.empty() && internal::keySetTouches(path[0], *optimizedPaths_)) {
+      cacheQueue()->asyncBarrier([weak = weak_from_this(), memo = state.memo, path, dictionary] {
+        if (weak.lock()) memo->store(path, dictionary);
+      });
+    }
+    return dictionary;
+  }
+
   // The published state. The lock is held only to copy the pointer: a reader
   // never waits for a write, only for another reader's or writer's copy.
   std::shared_ptr<const State> current() const {

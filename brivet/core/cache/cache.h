@@ -86,11 +86,19 @@ class CacheProtocol {
                                                                    bool checkExpiry) const = 0;
   // The whole graph (no tree) or the sub-graph the tree reaches, with the version.
   virtual CacheEnvelope getCache(const std::optional<PathTree>& pathTree) const = 0;
-  // Platform dictionaries read along each path (one key per level), deep-merged.
-  virtual Object getJSON(const std::vector<Path>& paths) const = 0;
+  // Platform dictionaries read along each path (one key per level), deep-merged
+  // in path order: where two hold a dictionary under one key they merge,
+  // otherwise the later value wins; the cost is linear in what is read.
+  // Missing and expired entries and error leaves are left out. A path that
+  // ends on a branch fails the whole call with `responseJSONGraphFailed
+  // (invalidAttempt)` naming the keys read; no paths, or paths that find
+  // nothing, give an empty dictionary.
+  [[nodiscard]] virtual Result<Object, BrivetError> getJSON(const std::vector<Path>& paths) const = 0;
 
   virtual void merge(JSONGraph jsonGraph) = 0;
   virtual void invalidate(PathTree pathTree) = 0;
+  // Precondition: `envelope.version` <= kMaxCacheVersion (the snapshot readers
+  // give no other).
   virtual void setCache(CacheEnvelope envelope) = 0;
 };
 

@@ -185,6 +185,30 @@ void BM_CacheGetValuesFourFields(benchmark::State& state) {
 }
 BENCHMARK(BM_CacheGetValuesFourFields)->Arg(100000)->Unit(benchmark::kMicrosecond);
 
+// getJSON of P single-item paths lists.top.<k>.<field> (P / 5 list items, five fields each) from a warm
+// cache holding exactly those items: the cost per path must not grow with P.
+void BM_CacheGetJSON(benchmark::State& state) {
+  const std::size_t pathCount = static_cast<std::size_t>(state.range(0));
+  const std::size_t items = pathCount / 5;
+  auto cache = Cache::create(catalogueGraph(0, items, items));
+  constexpr const char* kFields[] = {"title", "rating", "year", "genre", "boxart"};
+  std::vector<Path> paths;
+  paths.reserve(pathCount);
+  for (std::size_t k = 0; k < items; ++k) {
+    for (const char* field : kFields) paths.push_back(PathTree::parsePath("lists.top." + std::to_string(k) + "." + field));
+  }
+  for (auto _ : state) {
+    Result<Object, BrivetError> json = cache->getJSON(paths);
+    benchmark::DoNotOptimize(json);
+  }
+  if (cache->getJSON(paths).valueOr(Object()).valueForKeyPath("lists.top").count() != items) {
+    state.SkipWithError("the read did not answer every item");
+  }
+  state.counters["ns/path"] = benchmark::Counter(static_cast<double>(pathCount),
+                                                 benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_CacheGetJSON)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
 // Snapshot out (getCache + JSON text) and back in (JSON text + setCache, until
 // the write is done) for the cache of M + N videos and the list.
 void BM_CacheSnapshotRoundTrip(benchmark::State& state) {

@@ -107,6 +107,84 @@ TEST_F(CacheSnapshotTest, SnapshotsWithoutAnEnvelopeAreIgnoredWithoutAnError) {
   EXPECT_FALSE(CacheEnvelope::fromDictionary(Object(1)));
 }
 
+TEST_F(CacheSnapshotTest, EveryVersionTheCacheCanHoldRestoresInBothForms) {
+  for (const std::uint64_t version : {std::uint64_t{0}, std::uint64_t{1}, kMaxCacheVersion - 1, kMaxCacheVersion}) {
+    auto written = Cache::create(JSONGraph::fromAny(testing::catalogueDocument(2, 2, 0)));
+    written->setCache({written->jsonGraph(), version});
+    settle();
+    const CacheEnvelope snapshot = written->getCache(std::nullopt);
+    ASSERT_EQ(snapshot.version, version);
+
+    auto fromText = Cache::create();
+    SnapshotReport report;
+    Result<std::optional<CacheEnvelope>> text = CacheEnvelope::fromJSONText(snapshot.toJSONText().value(), &report);
+    ASSERT_TRUE(text.ok() && text->has_value()) << version << ": " << report.description();
+    fromText->setCache(**text);
+    const std::optional<CacheEnvelope> dictionary = CacheEnvelope::fromDictionary(snapshot.toDictionary(), &report);
+    ASSERT_TRUE(dictionary.has_value()) << version << ": " << report.description();
+    settle();
+    EXPECT_EQ(fromText->version(), version);
+    EXPECT_EQ(fromText->getCache(std::nullopt), snapshot);
+    EXPECT_EQ(*dictionary, snapshot);
+  }
+}
+
+TEST_F(CacheSnapshotTest, VersionsAboveTheRangeAreRefusedAndNeverWritten) {
+  for (const char* text : {R"({"jsonGraph": {}, "$_version": 9223372036854775808})",
+                           R"({"jsonGraph": {}, "$_version": 18446744073709551615})",
+                           R"({"jsonGraph": {}, "$_version": -1})"}) {
+    SnapshotReport report;
+    Result<std::optional<CacheEnvelope>> r = CacheEnvelope::fromJSONText(text, &report);
+    ASSERT_TRUE(r.ok()) << text;
+    EXPECT_FALSE(r->has_value()) << text;
+    EXPECT_NE(report.refusal.find("lies outside 0...9223372036854775807"), std::string::npos) << report.refusal;
+  }
+  EXPECT_FALSE(CacheEnvelope::fromDictionary(
+      Object::dictionary({{"jsonGraph", Object::dictionary()}, {"$_version", Object::unsignedInteger(UINT64_MAX)}})));
+  // The cache cannot be made to hold (and so to write) such a version, nor count past the top. The child of a
+  // death test re-runs the test: a forked child would have no threads to run the cache's queue.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto cache = Cache::create();
+  EXPECT_DEATH(cache->setCache({JSONGraph(), kMaxCacheVersion + 1}), "kMaxCacheVersion");
+  EXPECT_DEATH((void)CacheEnvelope({JSONGraph(), kMaxCacheVersion + 1}).toJSONText(), "kMaxCacheVersion");
+  EXPECT_DEATH(
+      {
+        cache->setCache({JSONGraph(), kMaxCacheVersion});
+        cache->merge(JSONGraph::fromAny(testing::catalogueVideos(0, 1, testing::Dialect::Core)));
+        cacheQueue()->sync([] {});
+      },
+      "stepped past its maximum");
+}
+
+TEST_F(CacheSnapshotTest, TheReportCountsWhatCouldNotBeReadAndWhatHadExpired) {
+  // Two unreadable nodes (a "$type" that is no leaf, an error without its value), one expired atom, one fresh.
+  const char* text = R"({"jsonGraph": {"a": {"$type": "bogus", "value": 1}, "b": {"$type": "error"},
+                         "c": {"$type": "atom", "value": 1, "$expires": 1000},
+                         "d": {"$type": "atom", "value": 2, "$expires": 1}, "e": [1, {"$type": "ref", "value": [1]}]},
+                         "$_version": 4})";
+  SnapshotReport fromText;
+  Result<std::optional<CacheEnvelope>> r = CacheEnvelope::fromJSONText(text, &fromText);
+  ASSERT_TRUE(r.ok() && r->has_value());
+  EXPECT_EQ(fromText.unreadableEntries, 3u);
+  EXPECT_EQ(fromText.expiredLeaves, 1u);
+  EXPECT_EQ(fromText.description(),
+            "restored; 3 entries could not be read (restored as null); 1 leaf had already expired (a read fetches "
+            "them again)");
+  SnapshotReport fromDictionary;
+  ASSERT_TRUE(CacheEnvelope::fromDictionary(parseJSON(text).value(), &fromDictionary));
+  EXPECT_EQ(fromDictionary.unreadableEntries, 3u);
+  EXPECT_EQ(fromDictionary.expiredLeaves, 1u);
+  // What lies beside the graph is not counted; a clean snapshot reports nothing.
+  SnapshotReport clean;
+  ASSERT_TRUE(CacheEnvelope::fromJSONText(R"({"x": {"$type": "bogus", "value": 1}, "jsonGraph": {"a": 1},
+                                             "$_version": 1})", &clean).value());
+  EXPECT_EQ(clean.description(), "restored");
+  const Object withDate = Object::dictionary(
+      {{"jsonGraph", Object::dictionary({{"when", Object::date(Date())}})}, {"$_version", 1}});
+  ASSERT_TRUE(CacheEnvelope::fromDictionary(withDate, &clean));
+  EXPECT_EQ(clean.unreadableEntries, 1u);
+}
+
 TEST_F(CacheSnapshotTest, TextThatIsNotJSONGivesTheParsersError) {
   for (const char* text : {"", "{", R"({"jsonGraph": {}, "$_version": 1} x)", "{\"a\": \"\xff\"}"}) {
     Result<std::optional<CacheEnvelope>> r = CacheEnvelope::fromJSONText(text);

@@ -408,55 +408,90 @@ TEST_F(CacheInvalidationTest, ReferenceCyclesCannotHangIt) {
 
 // --- Platform-JSON reads and their memo ---
 
-using CacheJSONTest = CacheTest;
+class CacheJSONTest : public CacheTest {
+ protected:
+  static Object json(const CacheProtocol& cache, const std::vector<Path>& paths) {
+    Result<Object, BrivetError> r = cache.getJSON(paths);
+    EXPECT_TRUE(r.ok()) << (r.ok() ? "" : r.error().description());
+    return r.ok() ? r.value() : Object();
+  }
+};
 
 TEST_F(CacheJSONTest, MemoisesOptimizedPathsUntilTheGraphIsReplaced) {
   auto cache = Cache::create(JSONGraph::fromAny(testing::catalogueDocument(3, 3, 0)), std::nullopt,
                              std::vector<std::string>{"videos"});
   const std::vector<Path> paths{path("videos.v1.title")};
-  const Object first = cache->getJSON(paths);
+  const Object first = json(*cache, paths);
   EXPECT_TRUE(first.isEqual(
       Object::dictionary({{"videos", Object::dictionary({{"v1", Object::dictionary({{"title", "Title 1"}})}})}})));
   settle();
-  EXPECT_TRUE(cache->getJSON(paths).isIdentical(first));
+  EXPECT_TRUE(json(*cache, paths).isIdentical(first));
   cache->merge(graph(R"({"videos": {"v1": {"title": "Title 1"}}})"));  // equal: the memo stays
   settle();
-  EXPECT_TRUE(cache->getJSON(paths).isIdentical(first));
+  EXPECT_TRUE(json(*cache, paths).isIdentical(first));
   cache->merge(graph(R"({"videos": {"v2": {"title": "New"}}})"));
   settle();
-  const Object afterMerge = cache->getJSON(paths);
+  const Object afterMerge = json(*cache, paths);
   EXPECT_FALSE(afterMerge.isIdentical(first));
   settle();
   cache->invalidate(tree({"videos.v0"}));
   settle();
-  EXPECT_FALSE(cache->getJSON(paths).isIdentical(afterMerge));
+  EXPECT_FALSE(json(*cache, paths).isIdentical(afterMerge));
   settle();
-  const Object memoised = cache->getJSON(paths);
+  const Object memoised = json(*cache, paths);
   cache->setCache(cache->getCache(std::nullopt));
   settle();
-  EXPECT_FALSE(cache->getJSON(paths).isIdentical(memoised));
+  EXPECT_FALSE(json(*cache, paths).isIdentical(memoised));
 }
 
 TEST_F(CacheJSONTest, OtherPathsAndPrefixesAreNotMemoised) {
   auto cache = Cache::create(graph(R"({"p": {"x": 1}, "q": {"x": 2}})"), std::vector<std::string>{"p"},
                              std::vector<std::string>{"p"});
-  const Object p = cache->getJSON({path("p.x")});
-  const Object q = cache->getJSON({path("q.x")});
+  const Object p = json(*cache, {path("p.x")});
+  const Object q = json(*cache, {path("q.x")});
   settle();
-  EXPECT_FALSE(cache->getJSON({path("p.x")}).isIdentical(p));
-  EXPECT_FALSE(cache->getJSON({path("q.x")}).isIdentical(q));
+  EXPECT_FALSE(json(*cache, {path("p.x")}).isIdentical(p));
+  EXPECT_FALSE(json(*cache, {path("q.x")}).isIdentical(q));
   EXPECT_TRUE(q.isEqual(Object::dictionary({{"q", Object::dictionary({{"x", 2}})}})));
 }
 
-TEST_F(CacheJSONTest, PathsMergeKeyByKeyAndAFailingPathEmptiesTheAnswer) {
-  const Object two =
-      catalogue_->getJSON({path("lists.top.1.title"), path("lists.top.1.year"), path("videos.v2.genre")});
+TEST_F(CacheJSONTest, PathsMergeKeyByKey) {
+  const Object two = json(*catalogue_, {path("lists.top.1.title"), path("lists.top.1.year"), path("videos.v2.genre")});
   EXPECT_EQ(two["lists"]["top"]["1"]["title"].stringValue(), "Title 1");
   EXPECT_TRUE(two["lists"]["top"]["1"]["year"].isEqual(Object(1951)));
   EXPECT_EQ(two["videos"]["v2"]["genre"].stringValue(), "Action");
-  EXPECT_EQ(catalogue_->getJSON({path("videos.v2.genre"), path("videos.v2")}).count(), 0u);
-  EXPECT_EQ(catalogue_->getJSON({}).count(), 0u);
-  EXPECT_TRUE(catalogue_->getJSON({}).isDictionary());
+  // No paths: an empty dictionary, which is a success.
+  EXPECT_TRUE(json(*catalogue_, {}).isDictionary());
+  EXPECT_EQ(json(*catalogue_, {}).count(), 0u);
+}
+
+TEST_F(CacheJSONTest, AFailingPathFailsTheCallWithItsError) {
+  // "videos.v2" ends on a branch: the error names the keys read up to it.
+  Result<Object, BrivetError> branch = catalogue_->getJSON({path("videos.v2.genre"), path("videos.v2")});
+  ASSERT_FALSE(branch.ok());
+  EXPECT_EQ(branch.error(), BrivetError::responseJSONGraphFailed(
+                                BrivetError::JSONGraphFailureReason::invalidAttempt({"videos", "v2"})));
+  // Error leaves and missing entries are left out; that is no failure.
+  auto cache = Cache::create(graph(R"({"a": {"b": {"$type": "error", "value": {"message": "gone"}}, "c": 1}})"));
+  EXPECT_TRUE(json(*cache, {path("a.b"), path("a.c"), path("nothing.here")})
+                  .isEqual(Object::dictionary({{"a", Object::dictionary({{"c", 1}})}})));
+}
+
+TEST_F(CacheJSONTest, MergingSeveralPathsLeavesTheMemoisedAnswersAsTheyWere) {
+  auto cache = Cache::create(JSONGraph::fromAny(testing::catalogueDocument(3, 3, 0)), std::nullopt,
+                             std::vector<std::string>{"videos"});
+  const Object title = json(*cache, {path("videos.v1.title")});
+  const Object year = json(*cache, {path("videos.v1.year")});
+  settle();
+  const Object titleText = Object(writeJSON(title, JSONWritingOptions::SortedKeys).value());
+  const Object yearText = Object(writeJSON(year, JSONWritingOptions::SortedKeys).value());
+  // Both answers come from the memo now; merging them must write into copies.
+  const Object both = json(*cache, {path("videos.v1.title"), path("videos.v1.year"), path("videos.v2.title")});
+  EXPECT_EQ(both["videos"]["v1"].count(), 2u);
+  EXPECT_EQ(both["videos"].count(), 2u);
+  EXPECT_TRUE(json(*cache, {path("videos.v1.title")}).isIdentical(title));
+  EXPECT_EQ(writeJSON(title, JSONWritingOptions::SortedKeys).value(), titleText.stringValue());
+  EXPECT_EQ(writeJSON(year, JSONWritingOptions::SortedKeys).value(), yearText.stringValue());
 }
 
 }  // namespace

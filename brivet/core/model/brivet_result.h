@@ -31,6 +31,11 @@ class StreamError {
   std::string description() const {
     return isBrivetError() ? brivetError()->description() : platformError()->description();
   }
+  // One line saying what failed: the BrivetError's `text()`, or the platform
+  // error's localized description.
+  std::string text() const {
+    return isBrivetError() ? brivetError()->text() : platformError()->localizedDescription();
+  }
   friend bool operator==(const StreamError& a, const StreamError& b) { return a.error_ == b.error_; }
 
  private:

@@ -142,7 +142,9 @@ TEST_F(TovModelTest, ACachedErrorFailsAfterTheValue) {
   EXPECT_EQ(events.failures[0].domain(), "BrivetCore.BrivetError");
   EXPECT_EQ(events.failures[0].code(), 1);
   ASSERT_EQ(logger_->errors().size(), 1u);
-  EXPECT_EQ(logger_->errors()[0].rfind("cache failure: responseJSONGraphFailed(reason: pathBoundErrors(", 0), 0u);
+  EXPECT_EQ(logger_->errors()[0],
+            "cache failure: responseJSONGraphFailed (pathBoundErrors): 1 error: at videos.v0.title: "
+            "{\"message\":\"gone\"}");
   EXPECT_EQ(client_->requestCount(), 0u);
 }
 
@@ -187,7 +189,7 @@ TEST_F(TovModelTest, PathErrorsInTheAnswerFailAfterItsValues) {
   ASSERT_EQ(error.jsonGraphReason()->errors().size(), 1u);
   EXPECT_EQ(error.jsonGraphReason()->errors()[0].path, (std::vector<std::string>{"videos", "v1", "title"}));
   ASSERT_EQ(logger_->errors().size(), 1u);
-  EXPECT_EQ(logger_->errors()[0], "dataSource failure: " + error.description());
+  EXPECT_EQ(logger_->errors()[0], "dataSource failure: " + error.text());
 }
 
 TEST_F(TovModelTest, HTTPFailuresBecomeReasonsFromTheirBody) {
@@ -222,8 +224,8 @@ TEST_F(TovModelTest, ADataSourceFailureReachesTheApplication) {
   EXPECT_EQ(events.failures[0].domain(), "BrivetCore.BrivetError");
   EXPECT_EQ(events.failures[0].code(), 0);
   EXPECT_EQ(logger_->errors(),
-            (std::vector<std::string>{"dataSource failure: responseDataSourceFailed(reason: badRequest(code: \"E1\", "
-                                      "message: \"boom\"))"}));
+            (std::vector<std::string>{
+                "dataSource failure: responseDataSourceFailed (badRequest): code \"E1\", message \"boom\""}));
 
   // An error without HTTP details passes through as the client made it.
   client_->reply = {{}, Error("NetworkDomain", -1001)};
@@ -578,17 +580,22 @@ TEST_F(TovModelTest, SnapshotsGoOutAndComeBack) {
 
   Result<std::string> text = model_->serializeCacheWithKeyPaths(std::nullopt);
   ASSERT_TRUE(text.ok());
-  ASSERT_TRUE(fresh->deserializeCache(text.value()).ok());
+  Result<SnapshotReport> restored = fresh->deserializeCache(text.value());
+  ASSERT_TRUE(restored.ok());
+  EXPECT_EQ(restored->description(), "restored");
   EXPECT_TRUE(equalsJSON(fresh->valueForKeyPath("lists.top.0.title"), R"("Title 0")"));
 
-  EXPECT_TRUE(fresh->deserializeCache("[]").ok());  // JSON, but no snapshot: ignored
-  Result<void> broken = fresh->deserializeCache("{\"jsonGraph\":");
+  // JSON, but no snapshot: ignored without an error; the report says why.
+  Result<SnapshotReport> array = fresh->deserializeCache("[]");
+  ASSERT_TRUE(array.ok());
+  EXPECT_EQ(array->description(), "not restored: the snapshot is not a dictionary");
+  Result<SnapshotReport> broken = fresh->deserializeCache("{\"jsonGraph\":");
   ASSERT_FALSE(broken.ok());
   EXPECT_EQ(broken.error().domain(), kJSONErrorDomain);
 
-  fresh->setCache(json(R"({"jsonGraph": {}})"));  // no version: ignored
+  EXPECT_EQ(fresh->setCache(json(R"({"jsonGraph": {}})")).refusal, "no \"$_version\" number");
   EXPECT_TRUE(equalsJSON(fresh->valueForKeyPath("lists.top.0.title"), R"("Title 0")"));
-  fresh->setCache(json(R"({"jsonGraph": {"a": 1}, "$_version": 0})"));
+  EXPECT_TRUE(fresh->setCache(json(R"({"jsonGraph": {"a": 1}, "$_version": 0})")).restored());
   EXPECT_EQ(fresh->version(), 0u);
   EXPECT_TRUE(equalsJSON(fresh->valueForKey("a"), "1"));
 }

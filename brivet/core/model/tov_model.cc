@@ -165,10 +165,12 @@ Object TovInternalModel::getCacheWithKeyPaths(const std::optional<KeyPaths>& key
   return internal::snapshotCache(*cache_, treeOf(keyPaths)).toDictionary();
 }
 
-void TovInternalModel::setCache(const Object& snapshotDictionary) {
-  if (std::optional<CacheEnvelope> envelope = CacheEnvelope::fromDictionary(snapshotDictionary)) {
+SnapshotReport TovInternalModel::setCache(const Object& snapshotDictionary) {
+  SnapshotReport report;
+  if (std::optional<CacheEnvelope> envelope = CacheEnvelope::fromDictionary(snapshotDictionary, &report)) {
     cache_->setCache(std::move(*envelope));
   }
+  return report;
 }
 
 void TovInternalModel::invalidateWithKeyPaths(const KeyPaths& keyPaths) {
@@ -234,11 +236,12 @@ Result<std::string> TovInternalModel::serializeCacheWithKeyPaths(const std::opti
   return text;
 }
 
-Result<void> TovInternalModel::deserializeCache(std::string_view data) {
-  Result<std::optional<CacheEnvelope>> parsed = CacheEnvelope::fromJSONText(data);
+Result<SnapshotReport> TovInternalModel::deserializeCache(std::string_view data) {
+  SnapshotReport report;
+  Result<std::optional<CacheEnvelope>> parsed = CacheEnvelope::fromJSONText(data, &report);
   if (!parsed.ok()) return parsed.error();
   if (parsed.value()) cache_->setCache(std::move(*parsed.value()));
-  return {};
+  return report;
 }
 
 void TovInternalModel::mergeJSONDictionaryIntoModel(const Object& dictionary) {

@@ -109,8 +109,10 @@ class TovModel {
                                                                     const std::optional<KeyPaths>& thisKeyPaths) = 0;
   // {"jsonGraph": ..., "$_version": ...} of the whole cache, or of what the key paths reach.
   virtual Object getCacheWithKeyPaths(const std::optional<KeyPaths>& keyPaths) = 0;
-  // Replaces the cache with a snapshot dictionary; anything else is ignored.
-  virtual void setCache(const Object& snapshot) = 0;
+  // Replaces the cache with a snapshot dictionary; anything else is ignored
+  // (the cache stays as it was). The report says which it was, and what of
+  // the snapshot could not be read or had already expired.
+  virtual SnapshotReport setCache(const Object& snapshot) = 0;
   virtual void invalidateWithKeyPaths(const KeyPaths& keyPaths) = 0;
   // A model over the same cache that never fetches, with both faces of this one.
   virtual std::shared_ptr<TovInternalModel> withoutDataSource() = 0;
@@ -135,8 +137,9 @@ class TovModelLegacy {
   // The snapshot as JSON text; the writer's error when it cannot be written.
   virtual Result<std::string> serializeCacheWithKeyPaths(const std::optional<KeyPaths>& keyPaths) = 0;
   // Restores a snapshot from JSON text: the parser's error for text that is
-  // not JSON; JSON that holds no snapshot is ignored without an error.
-  virtual Result<void> deserializeCache(std::string_view data) = 0;
+  // not JSON; JSON that holds no snapshot is ignored without an error. The
+  // report says what was restored, as for `setCache`.
+  virtual Result<SnapshotReport> deserializeCache(std::string_view data) = 0;
   // Merges a JSON Graph dictionary into the cache.
   virtual void mergeJSONDictionaryIntoModel(const Object& dictionary) = 0;
 
@@ -193,7 +196,7 @@ class TovInternalModel final : public TovModel,
                                                             const std::optional<KeyPaths>& refKeyPathSuffixes,
                                                             const std::optional<KeyPaths>& thisKeyPaths) override;
   Object getCacheWithKeyPaths(const std::optional<KeyPaths>& keyPaths) override;
-  void setCache(const Object& snapshot) override;
+  SnapshotReport setCache(const Object& snapshot) override;
   void invalidateWithKeyPaths(const KeyPaths& keyPaths) override;
   std::shared_ptr<TovInternalModel> withoutDataSource() override;
 
@@ -209,7 +212,7 @@ class TovInternalModel final : public TovModel,
                                                 TovCompletion completion) override;
   std::shared_ptr<TovSubscription> callFunction(const TovFunctionCall& function, TovCompletion completion) override;
   Result<std::string> serializeCacheWithKeyPaths(const std::optional<KeyPaths>& keyPaths) override;
-  Result<void> deserializeCache(std::string_view data) override;
+  Result<SnapshotReport> deserializeCache(std::string_view data) override;
   void mergeJSONDictionaryIntoModel(const Object& dictionary) override;
   Object valueForKeyPath(std::string_view keyPath) override;
   Object valueForKey(std::string_view key) override;

@@ -7,7 +7,10 @@
 // dictionary (the envelope's json, with its context under "context" unless the
 // json already has that key; values that are not dictionaries are not
 // delivered), and the terminal event to the completion block as an optional
-// platform error. It returns the subscription; `cancel` ends it.
+// platform error. It returns the subscription; `cancel` ends it. C++ callers
+// that must say what failed use `subscribeWithProgressAndFailure`: its
+// failure block gets the failure itself, whose `text()` keeps the reason and
+// payload that the platform error leaves out.
 //
 // `TovHTTPDataSourceResponseStream` is built from the application's task block
 // (called with a progress block taking a dictionary and a completion block
@@ -31,6 +34,8 @@ namespace brivet {
 
 using ProgressBlock = std::function<void(const Object& dictionary)>;
 using CompletionBlock = std::function<void(const std::optional<Error>& error)>;
+// The terminal event as the core sees it: the failure, or nullptr for completion.
+using FailureBlock = std::function<void(const StreamError* failure)>;
 
 // The dictionary an envelope is delivered as, or nil when its json is not a dictionary.
 Object envelopeDictionary(const JSONEnvelope& envelope);
@@ -44,8 +49,23 @@ class TovStream {
 
   std::shared_ptr<Subscription> subscribeWithProgressBlock(ProgressBlock progressBlock,
                                                            CompletionBlock completionBlock) const {
+    FailureBlock failureBlock;
+    if (completionBlock) {
+      failureBlock = [completionBlock = std::move(completionBlock)](const StreamError* failure) {
+        if (failure != nullptr) {
+          completionBlock(failure->toError());
+        } else {
+          completionBlock(std::nullopt);
+        }
+      };
+    }
+    return subscribeWithProgressAndFailure(std::move(progressBlock), std::move(failureBlock));
+  }
+
+  std::shared_ptr<Subscription> subscribeWithProgressAndFailure(ProgressBlock progressBlock,
+                                                                FailureBlock failureBlock) const {
     return stream_->subscribe([progressBlock = std::move(progressBlock),
-                               completionBlock = std::move(completionBlock)](const BrivetResult<T>& result) {
+                               failureBlock = std::move(failureBlock)](const BrivetResult<T>& result) {
       if (const T* value = result.value()) {
         if constexpr (std::is_same_v<T, JSONEnvelope>) {
           const Object dictionary = envelopeDictionary(*value);
@@ -53,12 +73,7 @@ class TovStream {
         }
         return;
       }
-      if (!completionBlock) return;
-      if (const StreamError* error = result.error()) {
-        completionBlock(error->toError());
-      } else {
-        completionBlock(std::nullopt);
-      }
+      if (failureBlock) failureBlock(result.error());
     });
   }
 

@@ -1,5 +1,9 @@
 #include "brivet/core/values/brivet_error.h"
 
+#include <algorithm>
+
+#include "brivet/platform/json.h"
+
 namespace brivet {
 
 namespace {
@@ -21,6 +25,100 @@ std::optional<PathTree> treeOfPQL(const Object& pql) {
   std::optional<Path> path = PathTree::pathFromArray(pql);
   if (!path) return std::nullopt;
   return PathTree::fromPaths({*path});
+}
+
+// Bounds of the one-line text: bytes of one text from outside, entries of one list.
+constexpr std::size_t kTextLimit = 240;
+constexpr std::size_t kListLimit = 8;
+
+// Where to cut `text` so that at most `kTextLimit` bytes stay, at a character boundary.
+std::size_t cutPoint(std::string_view text) {
+  if (text.size() <= kTextLimit) return text.size();
+  std::size_t end = kTextLimit;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;  // not inside a character
+  return end;
+}
+
+// `text` cut to `kTextLimit` bytes ("..." marks the cut).
+std::string cut(std::string_view text) {
+  const std::size_t end = cutPoint(text);
+  return std::string(text.substr(0, end)) + (end < text.size() ? "..." : "");
+}
+
+// `text` as the inside of a quoted string on one line: quotes, backslashes and control characters escaped, cut.
+std::string oneLine(std::string_view text) {
+  std::string out;
+  const std::size_t end = cutPoint(text);
+  for (std::size_t i = 0; i < end; ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    switch (c) {
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      default:
+        if (c < 0x20 || c == 0x7F) {
+          static constexpr char kHex[] = "0123456789abcdef";
+          out += "\\u00";
+          out += kHex[c >> 4];
+          out += kHex[c & 0xF];
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  if (end < text.size()) out += "...";
+  return out;
+}
+
+std::string quoted(std::string_view text) { return "\"" + oneLine(text) + "\""; }
+
+// A path as a key path ("videos.v1.title") when its keys are plain, else as a list of quoted keys.
+std::string pathText(const std::vector<std::string>& path) {
+  if (path.empty()) return "the root";
+  auto plainChar = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
+           c == '$' || c == '@';
+  };
+  const bool plain = std::all_of(path.begin(), path.end(), [&](const std::string& key) {
+    return !key.empty() && key.size() <= kTextLimit && std::all_of(key.begin(), key.end(), plainChar);
+  });
+  std::string out = plain ? "" : "[";
+  for (std::size_t i = 0; i < path.size(); ++i) {
+    if (out.size() > kTextLimit) {
+      out += plain ? "..." : ", ...";
+      break;
+    }
+    if (i > 0) out += plain ? "." : ", ";
+    out += plain ? path[i] : quoted(path[i]);
+  }
+  return plain ? out : out + "]";
+}
+
+std::string treeText(const std::optional<PathTree>& tree) {
+  if (!tree) return "no path";
+  std::string out;
+  for (const std::string& keyPath : tree->keyPathStrings()) {
+    if (out.size() > kTextLimit) break;
+    out += (out.empty() ? "" : ", ") + keyPath;
+  }
+  return oneLine(out);  // key paths from a server may hold anything
+}
+
+// An object as compact JSON (sorted keys; JSON text has no raw line breaks), else its description, escaped.
+std::string objectText(const Object& object) {
+  Result<std::string> json = writeJSON(object, JSONWritingOptions::SortedKeys | JSONWritingOptions::FragmentsAllowed);
+  return json.ok() ? cut(json.value()) : oneLine(object.description());
+}
+
+// "<n> errors: a; b; ... and <m> more"
+template <class T, class Describe>
+std::string listText(const std::vector<T>& items, Describe describe) {
+  std::string out = std::to_string(items.size()) + (items.size() == 1 ? " error: " : " errors: ");
+  for (std::size_t i = 0; i < items.size() && i < kListLimit; ++i) out += (i > 0 ? "; " : "") + describe(items[i]);
+  if (items.size() > kListLimit) out += "; and " + std::to_string(items.size() - kListLimit) + " more";
+  return out;
 }
 
 }  // namespace
@@ -200,6 +298,50 @@ std::string BrivetError::description() const {
                                                                         : "deserializationFailed") +
              ")";
     case Kind::InvalidAttempt: return "invalidAttempt";
+  }
+  return {};
+}
+
+std::string BrivetError::text() const {
+  switch (kind_) {
+    case Kind::ResponseDataSourceFailed: {
+      const DataSourceFailureReason& r = *dataSourceReason();
+      switch (r.kind()) {
+        case DataSourceFailureReason::Kind::HttpClientError: {
+          std::string out = "responseDataSourceFailed (httpClientError): HTTP status " + std::to_string(r.statusCode());
+          if (r.userInfo().count() > 0) out += ", " + objectText(r.userInfo());
+          return out;
+        }
+        case DataSourceFailureReason::Kind::BadRequest:
+          return "responseDataSourceFailed (badRequest): code " + quoted(r.code()) + ", message " + quoted(r.message());
+        case DataSourceFailureReason::Kind::LegacyPathBoundError:
+          return "responseDataSourceFailed (legacyPathBoundError): " + quoted(r.message()) + " at " +
+                 treeText(r.pathTree());
+        case DataSourceFailureReason::Kind::LegacyPathBoundInnerError:
+          return "responseDataSourceFailed (legacyPathBoundInnerError): " +
+                 listText(r.innerErrors(), [](const DataSourceFailureReason::InnerError& e) {
+                   return quoted(e.message) + " at " + treeText(e.pathTree);
+                 });
+        case DataSourceFailureReason::Kind::HttpClientNil:
+          return "responseDataSourceFailed (httpClientNil): there is no HTTP client to send the request with";
+      }
+      return {};
+    }
+    case Kind::ResponseJSONGraphFailed: {
+      const JSONGraphFailureReason& r = *jsonGraphReason();
+      if (r.kind() == JSONGraphFailureReason::Kind::InvalidAttempt) {
+        return "responseJSONGraphFailed (invalidAttempt): the path ends on a branch, not a value, at " +
+               pathText(r.keys());
+      }
+      return "responseJSONGraphFailed (pathBoundErrors): " + listText(r.errors(), [](const PathBoundError& e) {
+               return "at " + pathText(e.path) + ": " + objectText(e.value.toAnyType());
+             });
+    }
+    case Kind::ResponseModelFailed:
+      return *modelReason() == ModelFailureReason::serializationFailed
+                 ? "responseModelFailed (serializationFailed): the cache snapshot could not be written"
+                 : "responseModelFailed (deserializationFailed): the cache snapshot could not be read";
+    case Kind::InvalidAttempt: return "invalidAttempt: the operation is not allowed in this state";
   }
   return {};
 }

@@ -7,7 +7,10 @@
 // that own their payloads; `combined` gathers the errors of one response.
 // Towards the platform an error becomes an `Error` with the domain
 // "BrivetCore.BrivetError", its case number as code and empty user info: the
-// reason stays with core code that holds the value.
+// reason stays with core code that holds the value, which shows it with
+// `text()`, one line naming the case, the reason and its payload (status
+// code, server messages, the paths of path-bound errors, the keys read before
+// a path ended on a branch). `description()` is the structural form.
 //
 // Thread safety: values; share and read freely.
 #pragma once
@@ -141,6 +144,13 @@ class BrivetError {
 
   // The platform error: domain "BrivetCore.BrivetError", code = case number, empty user info.
   Error toError() const;
+  // One line for people: "<case> (<reason>): <payload>", for example
+  //   responseJSONGraphFailed (pathBoundErrors): 1 error: at videos.v1.title: {"message":"gone"}
+  //   responseDataSourceFailed (badRequest): code "E42", message "no such list"
+  // Texts from outside are quoted with control characters escaped, and cut
+  // at a few hundred bytes; long lists name their first entries and a count.
+  std::string text() const;
+  // The structural form: "responseDataSourceFailed(reason: badRequest(code: ...))".
   std::string description() const;
   friend bool operator==(const BrivetError&, const BrivetError&) = default;
 

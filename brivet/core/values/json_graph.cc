@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "brivet/core/values/internal/unreadable.h"
 #include "brivet/core/values/internal/value_access.h"
 #include "brivet/platform/internal/rapidjson.h"
 #include "brivet/platform/precondition.h"
@@ -361,9 +362,12 @@ namespace {
 // A dictionary with a text "$type": a wrapped leaf, undefined, or null.
 Slot leafFromDictionary(const Dictionary& d, std::size_t remaining, const Object& defaultExpires, Date parseTime) {
   const NodeKeys keys = scanNodeKeys(d);
-  if (keys.value == nullptr) return kUndefined;
-  const Object& value = *keys.value;
   const std::string_view t = keys.type->stringValue();
+  if (keys.value == nullptr) {
+    if (t != "atom") noteUnreadable();  // an error or a reference without its value is lost
+    return kUndefined;
+  }
+  const Object& value = *keys.value;
   if (t == "atom") {
     return leafWithMetadata(LeafKind::Atom, valueSlotFromAny(value, remaining - 1),
                             metadataFromKeys(keys, Object(), parseTime));
@@ -381,13 +385,17 @@ Slot leafFromDictionary(const Dictionary& d, std::size_t remaining, const Object
       }
     }
   }
+  noteUnreadable();
   return kNull;
 }
 }  // namespace
 
 Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object& defaultExpires, Date parseTime) {
   if (const Dictionary* d = object.asDictionary()) {
-    if (remaining == 0) return kNull;
+    if (remaining == 0) {
+      noteUnreadable();
+      return kNull;
+    }
     // One pass builds the branch; a text "$type" (first, in every writer's
     // output) turns the dictionary into a leaf instead.
     ObjectBuilder builder;
@@ -406,7 +414,10 @@ Slot graphSlotFromAny(const Object& object, std::size_t remaining, const Object&
     return builder.build();
   }
   if (const Array* a = object.asArray()) {
-    if (remaining == 0) return kNull;
+    if (remaining == 0) {
+      noteUnreadable();
+      return kNull;
+    }
     const std::size_t n = a->size();
     if (n <= 8) {
       Slot items[8];

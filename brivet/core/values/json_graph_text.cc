@@ -10,6 +10,7 @@
 // result and the errors are exactly theirs.
 #include <algorithm>
 
+#include "brivet/core/values/internal/unreadable.h"
 #include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/json_graph.h"
 #include "brivet/platform/internal/json_scalars.h"
@@ -123,6 +124,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool failed() const { return tooDeep_ || needsGeneralRoad_; }
   const char* textEnd() const { return textEnd_; }
   bool topIsContainer() const { return topIsContainer_; }
+  std::size_t unreadable() const { return unreadable_; }
   Slot takeResult() { return std::exchange(result_, internal::kEmpty); }
 
  private:
@@ -260,6 +262,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
     Slot built = internal::kNull;
     if (value == internal::kEmpty) {
       built = internal::kUndefined;
+      if (internal::stringOf(type) != "atom") ++unreadable_;  // an error or a reference without its value
     } else if (f.valueChild == 2) {
       needsGeneralRoad_ = true;  // the value was read as a graph before the "$type" that makes it plain
     } else {
@@ -277,6 +280,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
           built = internal::makeLeaf(internal::LeafKind::Ref, value, metadata(f.start, false));
         }
       }
+      if (built == internal::kNull) ++unreadable_;
     }
     for (std::size_t i = f.start; i < entries_.size(); ++i) {
       internal::release(entries_[i].key);
@@ -297,6 +301,7 @@ class GraphReader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Graph
   bool tooDeep_ = false;
   bool needsGeneralRoad_ = false;
   bool topIsContainer_ = false;
+  std::size_t unreadable_ = 0;  // "$type" dictionaries that read as null or lost their value
   const std::size_t scratchMark_;
 };
 
@@ -443,6 +448,7 @@ Result<JSONGraph> JSONGraph::fromJSONText(std::string_view text, const Object& d
   const rapidjson::ParseResult parsed = reader.Parse<kGraphParseFlags>(stream, builder);
   if (parsed.IsError() || builder.failed() || stream.Tell() != text.size()) return generalRoad();
   if (!(options & JSONReadingOptions::FragmentsAllowed) && !builder.topIsContainer()) return generalRoad();
+  internal::noteUnreadable(builder.unreadable());
   return JSONGraph(ValueStorage(builder.takeResult()));
 }
 

@@ -1,5 +1,6 @@
 #include "brivet/core/values/json_value.h"
 
+#include "brivet/core/values/internal/unreadable.h"
 #include "brivet/core/values/internal/value_access.h"
 #include "brivet/platform/precondition.h"
 
@@ -18,7 +19,10 @@ std::string keyText(const Object& key) {
 
 Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
   if (const Dictionary* d = object.asDictionary()) {
-    if (remaining == 0) return kNull;
+    if (remaining == 0) {
+      noteUnreadable();
+      return kNull;
+    }
     ObjectBuilder builder;
     builder.reserve(d->size());
     EntryPrefetcher ahead(*d);
@@ -30,7 +34,10 @@ Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
     return builder.build();
   }
   if (const Array* a = object.asArray()) {
-    if (remaining == 0) return kNull;
+    if (remaining == 0) {
+      noteUnreadable();
+      return kNull;
+    }
     const std::size_t n = a->size();
     if (n <= 8) {  // short arrays (every reference path) need no buffer of their own
       Slot items[8];
@@ -44,7 +51,8 @@ Slot valueSlotFromAny(const Object& object, std::size_t remaining) {
   }
   if (const String* s = object.asString()) return makeString(s->text());
   if (const Number* n = object.asNumber()) return makeNumber(*n);
-  return kNull;  // null, and anything that is not JSON
+  if (!object.isNull()) noteUnreadable();  // a date, data or library object: not JSON
+  return kNull;
 }
 
 Object primitiveSlotToAny(Slot s) {

@@ -236,6 +236,44 @@ TEST(BrivetErrorTest, DescriptionsNameTheCaseAndReason) {
             "responseJSONGraphFailed(reason: pathBoundErrors([PathBoundError(path: [\"a\", \"b\"], value: 1)]))");
 }
 
+TEST(BrivetErrorTest, TextNamesTheCaseTheReasonAndThePayload) {
+  EXPECT_EQ(pathErrors({"videos", "v1", "title"}).text(),
+            "responseJSONGraphFailed (pathBoundErrors): 1 error: at videos.v1.title: 1");
+  EXPECT_EQ(BrivetError::responseJSONGraphFailed(GraphReason::invalidAttempt({"lists", "top"})).text(),
+            "responseJSONGraphFailed (invalidAttempt): the path ends on a branch, not a value, at lists.top");
+  EXPECT_EQ(BrivetError::responseDataSourceFailed(Reason::badRequest("E42", "no such list")).text(),
+            "responseDataSourceFailed (badRequest): code \"E42\", message \"no such list\"");
+  EXPECT_EQ(BrivetError::responseDataSourceFailed(
+                Reason::httpClientError(503, Object::dictionary({{"statusCode", 503}, {"errorBody", "busy"}})))
+                .text(),
+            "responseDataSourceFailed (httpClientError): HTTP status 503, {\"errorBody\":\"busy\",\"statusCode\":503}");
+  EXPECT_EQ(BrivetError::responseDataSourceFailed(
+                Reason::legacyPathBoundInnerError({{"m1", PathTree::fromKeyPaths({"a.b"})}, {"m2", std::nullopt}}))
+                .text(),
+            "responseDataSourceFailed (legacyPathBoundInnerError): 2 errors: \"m1\" at a.b; \"m2\" at no path");
+  EXPECT_EQ(BrivetError::responseModelFailed(BrivetError::ModelFailureReason::deserializationFailed).text(),
+            "responseModelFailed (deserializationFailed): the cache snapshot could not be read");
+}
+
+TEST(BrivetErrorTest, TextStaysOneBoundedLineWhateverTheServerSent) {
+  // Keys that are not plain are quoted; control characters are escaped.
+  const BrivetError odd = BrivetError::responseJSONGraphFailed(GraphReason::pathBoundErrors(
+      {{{"a.b", "line\nbreak"}, JSONValue::fromAny(Object::dictionary({{"message", "x\ny"}}))}}));
+  EXPECT_EQ(odd.text(),
+            "responseJSONGraphFailed (pathBoundErrors): 1 error: at [\"a.b\", \"line\\nbreak\"]: "
+            "{\"message\":\"x\\ny\"}");
+  // A megabyte of message and a thousand errors still give one short line.
+  const BrivetError huge = BrivetError::responseDataSourceFailed(Reason::badRequest("E", std::string(1 << 20, 'm')));
+  std::vector<PathBoundError> many(1000, PathBoundError{{"p"}, JSONPrimitive::integer(1)});
+  const BrivetError lots = BrivetError::responseJSONGraphFailed(GraphReason::pathBoundErrors(many));
+  for (const BrivetError& e : {huge, lots, odd}) {
+    EXPECT_EQ(e.text().find('\n'), std::string::npos);
+    EXPECT_LT(e.text().size(), 4096u);
+  }
+  EXPECT_NE(lots.text().find("1000 errors: "), std::string::npos);
+  EXPECT_NE(lots.text().find("and 992 more"), std::string::npos);
+}
+
 TEST(BrivetErrorTest, ReasonsFromErrorBodies) {
   auto read = [](const char* json) { return Reason::fromErrorBody(parseJSON(json).value()); };
   EXPECT_EQ(read(R"({"code": "E1", "message": "bad", "error": {"message": "x"}})"), Reason::badRequest("E1", "bad"));

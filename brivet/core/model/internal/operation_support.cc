@@ -118,7 +118,7 @@ void Run::dataSourceCompleted() const {
 }
 
 void Run::fail(const std::string& logPrefix, const StreamError& error, bool closeDataSource) const {
-  model_.logError(logPrefix + error.description());
+  model_.logError(logPrefix + error.text());
   observer_(BrivetResult<JSONEnvelope>::failure(error));
   if (closeDataSource) endInterval(dataSourceLog(), dataSourceID_, "status=%@", "Error");
   endInterval(streamLog(), streamID_, "status=%@", "Error");
