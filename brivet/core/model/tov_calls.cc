@@ -15,15 +15,24 @@ std::vector<std::string> strings(const std::vector<KeyPath>& keyPaths) {
   return std::vector<std::string>(keyPaths.begin(), keyPaths.end());
 }
 
+// The failure as the platform error a caller can read: a core error keeps its
+// domain and code and says what failed (its text(), with the reason and the
+// payload that its plain platform form leaves out).
+Error describedFailure(const StreamError& failure) {
+  if (!failure.isBrivetError()) return *failure.platformError();
+  const Error plain = failure.toError();
+  return Error::withDescription(plain.domain(), plain.code(), failure.text());
+}
+
 // Subscribes to a stream, keeps its last dictionary and hands over the outcome
 // at its end.
 TovCancel deliverStream(const TovStream<JSONEnvelope>& stream, TovDeliver deliver) {
   auto last = std::make_shared<Object>();
-  std::shared_ptr<Subscription> subscription = stream.subscribeWithProgressBlock(
+  std::shared_ptr<Subscription> subscription = stream.subscribeWithProgressAndFailure(
       [last](const Object& dictionary) { *last = dictionary; },  // on the main queue, one event at a time
-      [last, deliver = std::move(deliver)](const std::optional<Error>& error) {
-        if (error) {
-          deliver(Result<Object, Error>(Failure{*error}));
+      [last, deliver = std::move(deliver)](const StreamError* failure) {
+        if (failure != nullptr) {
+          deliver(Result<Object, Error>(Failure{describedFailure(*failure)}));
         } else {
           deliver(last->isNil() ? Object::dictionary() : *last);
         }

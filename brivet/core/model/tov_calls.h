@@ -11,7 +11,9 @@
 //
 // Options are named (`{.refresh = true}`, `{.arguments = {...}}`) and the key
 // paths are `KeyPath`s: literals are checked at compile time. Failures are the
-// model's own errors, unchanged, or errors of kAccessErrorDomain: TimedOut,
+// model's own errors (a core error keeps its domain and code, and its
+// localized description is its `text()`: what failed, with the reason), or
+// errors of kAccessErrorDomain: TimedOut,
 // OnMainQueue, InvalidKeyPath (a value set at a path with a range), and those
 // of typed reads.
 //
