@@ -44,15 +44,15 @@ namespace brivet {
 
 struct KelGetOptions {
   KelModelOption option = KelModelOption::Default;
-  std::optional<std::string> taskName;                     // names the request in performance traces
+  std::optional<std::string> taskName = {};                     // names the request in performance traces
   std::chrono::milliseconds timeout{10000};                // blocking forms
 };
 
 struct KelCallOptions {
-  std::vector<Object> arguments;                // none when empty
-  std::vector<KeyPath> returnKeyPathSuffixes;  // fetched behind the references the call returns
-  std::vector<KeyPath> fetchKeyPaths;          // fetched once the call has run
-  std::optional<std::string> taskName;
+  std::vector<Object> arguments = {};                // none when empty
+  std::vector<KeyPath> returnKeyPathSuffixes = {};  // fetched behind the references the call returns
+  std::vector<KeyPath> fetchKeyPaths = {};          // fetched once the call has run
+  std::optional<std::string> taskName = {};
   std::chrono::milliseconds timeout{10000};  // blocking forms
 };
 

@@ -57,9 +57,9 @@ struct TovSetOptions {
 };
 
 struct TovCallOptions {
-  std::vector<Object> arguments;                // none when empty
-  std::vector<KeyPath> returnKeyPathSuffixes;  // fetched behind the references the call returns
-  std::vector<KeyPath> fetchKeyPaths;          // fetched from the function's object once it has run
+  std::vector<Object> arguments = {};                // none when empty
+  std::vector<KeyPath> returnKeyPathSuffixes = {};  // fetched behind the references the call returns
+  std::vector<KeyPath> fetchKeyPaths = {};          // fetched from the function's object once it has run
   std::chrono::milliseconds timeout = kDefaultWaitTimeout;  // blocking forms
 };
 
