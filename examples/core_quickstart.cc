@@ -6,36 +6,30 @@
 #include <string>
 
 #include "brivet/adapters/tov_http_client.h"
+#include "brivet/core/model/tov_calls.h"
 #include "brivet/core/model/tov_model.h"
-#include "brivet/platform/dispatch_queue.h"
-#include "brivet/platform/json.h"
+#include "brivet/platform/main_queue_thread.h"
+#include "brivet/platform/typed_access.h"
 
 int main(int argc, char** argv) {
   using namespace brivet;
   const std::string url = argc > 1 ? argv[1] : "http://127.0.0.1:8080/model.json";
 
-  // The model holds its HTTP client weakly: the application keeps it alive.
-  const auto client = TovHTTPClient::create();
+  // [readme]
+  MainQueueThread mainQueue;                    // answers arrive on the main queue: run it on its own thread
+  const auto client = TovHTTPClient::create();  // the model holds its client weakly: keep it
   const auto model = TovBrivet::createTovModelWithUrl(url, client);
 
-  // Streams deliver on the main queue. An app's run loop drains it; a
-  // command-line program runs it until the answer is in.
-  bool done = false;
-  const auto subscription = model->getWithKeyPaths({"lists.top.@range(0,2).title"})
-                                ->progressively()  // what the cache holds first, then the rest
-                                ->asStream()
-                                .subscribeWithProgressBlock(
-                                    [](const Object& value) {
-                                      std::cout << writeJSON(value, JSONWritingOptions::PrettyPrinted).valueOr("")
-                                                << "\n";
-                                    },
-                                    [&](const std::optional<Error>& error) {
-                                      if (error) std::cerr << error->localizedDescription() << "\n";
-                                      done = true;
-                                    });
-  DispatchQueue::main()->runUntil([&] { return done; }, std::chrono::seconds(10));
-
-  // Synchronous reads come from the cache alone.
-  std::cout << "cached: " << model->valueForKeyPath("lists.top.0.title").description() << "\n";
-  return done ? 0 : 1;
+  const Result<Object, Error> top = blocking::get(*model, {"lists.top.@range(0,2).title"});
+  if (!top.ok()) {
+    std::cerr << top.error().localizedDescription() << "\n";
+    return 1;
+  }
+  for (int i = 0; i <= 2; ++i) {
+    std::cout << get<std::string>(top.value(), "lists", "top", i, "title").value_or("?") << "\n";
+  }
+  const Result<int, Error> year = blocking::getValue<int>(*model, "lists.top.0.year");  // checked at compile time
+  std::cout << (year.ok() ? std::to_string(year.value()) : year.error().localizedDescription()) << "\n";
+  // [/readme]
+  return year.ok() ? 0 : 1;
 }

@@ -7,6 +7,7 @@
 
 #include "brivet/core/values/internal/value_access.h"
 #include "brivet/core/values/json_graph.h"
+#include "brivet/platform/key_path.h"
 #include "brivet/platform/precondition.h"
 
 namespace brivet {
@@ -214,32 +215,6 @@ PathTree freeze(Builder& b) {
 
 PathTree freezeTree(Builder& b) { return freeze(b); }
 
-bool parseDigits(std::string_view s, std::size_t& pos, std::int64_t* value, bool* fits) {
-  const std::size_t start = pos;
-  while (pos < s.size() && s[pos] >= '0' && s[pos] <= '9') ++pos;
-  if (pos == start) return false;
-  const auto r = std::from_chars(s.data() + start, s.data() + pos, *value);
-  *fits = r.ec == std::errc();
-  return true;
-}
-
-// "@range(x,y)" at the start of a component, case-insensitive; text after ")" is ignored.
-bool parseRange(std::string_view c, std::int64_t* from, std::int64_t* to) {
-  static constexpr std::string_view kWord = "range";
-  if (c.size() < 7 || c[0] != '@' || c[6] != '(') return false;
-  for (std::size_t i = 0; i < kWord.size(); ++i) {
-    const char ch = c[1 + i];
-    if ((ch | 0x20) != kWord[i]) return false;
-  }
-  std::size_t pos = 7;
-  bool fromFits = false;
-  bool toFits = false;
-  if (!parseDigits(c, pos, from, &fromFits) || pos >= c.size() || c[pos] != ',') return false;
-  ++pos;
-  if (!parseDigits(c, pos, to, &toFits) || pos >= c.size() || c[pos] != ')') return false;
-  return fromFits && toFits;
-}
-
 // The platform's integerValue of a number or a numeric text; 0 otherwise.
 std::int64_t integerValue(const Object& o) {
   if (const Number* n = o.asNumber()) return n->int64Value();
@@ -430,22 +405,21 @@ PathTree PathTree::target() { return PathTree(leafNode(Kind::Target)); }
 PathTree PathTree::self() { return PathTree(leafNode(Kind::Self)); }
 
 Path PathTree::parsePath(std::string_view keyPath) {
+  // The grammar is the one KeyPath checks against: each component is a range
+  // when it starts with "@range(from,to)" (any case, text after ")" ignored,
+  // bounds that fit 64 bits), else a text key; empty components drop out.
   Path path;
-  std::size_t start = 0;
-  while (start <= keyPath.size()) {
-    std::size_t dot = keyPath.find('.', start);
-    if (dot == std::string_view::npos) dot = keyPath.size();
-    const std::string_view component = keyPath.substr(start, dot - start);
-    std::int64_t from;
-    std::int64_t to;
-    if (parseRange(component, &from, &to)) {
-      path.push_back({Key::range(from, to)});
+  bool tooLong = false;
+  detail::forEachKeyPathComponent(keyPath, [&](std::string_view component) {
+    if (const detail::KeyPathRange r = detail::matchKeyPathRange(component); r.matched) {
+      path.push_back({Key::range(r.from, r.to)});
     } else if (!component.empty()) {
       path.push_back({Key::string(std::string(component))});
     }
-    if (path.size() > kMaxPathLength) return {};
-    start = dot + 1;
-  }
+    tooLong = path.size() > kMaxPathLength;
+    return !tooLong;
+  });
+  if (tooLong) return {};
   return path;
 }
 

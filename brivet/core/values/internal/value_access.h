@@ -25,6 +25,11 @@ struct ValueAccess {
   static internal::Slot slot(const V& value) {
     return value.slot_.get();
   }
+  // The slot in the value itself: a view of an immediate (a short string) lives as long as the value.
+  template <class V>
+  static const internal::Slot& storage(const V& value) {
+    return value.slot_.storage();
+  }
   // Wraps an owned slot: the value takes over its reference.
   template <class V>
   static V adopt(internal::Slot owned) {
