@@ -1006,7 +1006,7 @@ Slot makeLeaf(LeafKind kind, Slot ownedValue, const Metadata& m) {
     if (isArraySlot(ownedValue)) return ownedValue | kTagRef;
   }
   const int fields = static_cast<int>(popcount32(m.present));
-  const std::size_t bytes = offsetof(LeafNode, fields) + sizeof(std::int64_t) * std::max(fields, 1);
+  const std::size_t bytes = offsetof(LeafNode, fields) + sizeof(std::int64_t) * static_cast<std::size_t>(std::max(fields, 1));
   auto* leaf = allocateNode<LeafNode>(bytes, NodeKind::Leaf, clampDepth(depth));
   leaf->leafKind = kind;
   leaf->present = m.present;
