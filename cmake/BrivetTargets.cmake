@@ -26,6 +26,11 @@ function(brivet_apply_warnings target)
     # GCC 12 reports std::string concatenation at -O3 as overlapping memcpy
     # (a known false positive of its -Wrestrict).
     target_compile_options(${target} PRIVATE -Wno-restrict)
+    # On 32-bit targets GCC 12 reports moving an Error into a std::variant as reading an uninitialized
+    # shared_ptr (a known false positive of its -Wmaybe-uninitialized after inlining libstdc++'s variant).
+    if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+      target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)
+    endif()
   endif()
   if(BRIVET_WERROR)
     target_compile_options(${target} PRIVATE -Werror)

@@ -665,7 +665,8 @@ std::uint64_t keyHash(std::string_view key) { return String::hashText(key); }
 std::size_t objectSize(Slot object) {
   const Node* n = nodeOf(object);
   if (n->kind == NodeKind::SmallObject) return reinterpret_cast<const SmallObjectNode*>(n)->shape->count;
-  return reinterpret_cast<const HashObjectNode*>(n)->count;
+  // Every entry is in memory, so the count (64 bits wide in the node) always fits a size.
+  return static_cast<std::size_t>(reinterpret_cast<const HashObjectNode*>(n)->count);
 }
 
 Slot objectFind(Slot object, const KeyProbe& key) {
