@@ -30,8 +30,9 @@ without=$(stat -c %s "$build/stripped/without")
 added=$((with - without))
 
 echo "Largest symbols in the app ($symbols):"
-nm -C --size-sort --reverse-sort --print-size "$app" | head -n "$symbols" |
-  awk '{ size = strtonum("0x" $2); $1 = ""; $2 = ""; $3 = ""; sub(/^ +/, ""); printf "  %8d  %s\n", size, substr($0, 1, 150) }'
+nm -C -t d --size-sort --reverse-sort --print-size "$app" >"$build/stripped/symbols.txt"
+head -n "$symbols" "$build/stripped/symbols.txt" |
+  awk '{ size = $2 + 0; $1 = ""; $2 = ""; $3 = ""; sub(/^ +/, ""); printf "  %8d  %s\n", size, substr($0, 1, 150) }'
 echo "Stripped sizes: with Brivet $with bytes, without $without bytes"
 printf 'Brivet adds %d bytes (%d KB); budget %d KB\n' "$added" $(((added + 1023) / 1024)) "$budget_kb"
 if [ "$added" -gt $((budget_kb * 1024)) ]; then
