@@ -10,14 +10,27 @@ include_guard(GLOBAL)
 
 set(BRIVET_SOURCE_ROOT "${CMAKE_CURRENT_LIST_DIR}/..")
 
+# Every target gets -Wall -Wextra -Wpedantic. The libraries and the tools (STRICT) also get the conversion and
+# shadowing warnings an app's own build may turn on; with Clang, -Wconversion includes -Wshorten-64-to-32, so a
+# 64-bit value is never narrowed without a cast that says so. BRIVET_WERROR (off unless asked for; CI's builds
+# turn it on) makes them errors.
 function(brivet_apply_warnings target)
+  cmake_parse_arguments(ARG "STRICT" "" "" ${ARGN})
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
+  if(ARG_STRICT)
+    target_compile_options(${target} PRIVATE -Wshadow -Wconversion -Wsign-conversion)
+  endif()
   if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     target_compile_options(${target} PRIVATE -Wthread-safety)
   else()
     # GCC 12 reports std::string concatenation at -O3 as overlapping memcpy
     # (a known false positive of its -Wrestrict).
     target_compile_options(${target} PRIVATE -Wno-restrict)
+    # On 32-bit targets GCC 12 reports moving an Error into a std::variant as reading an uninitialized
+    # shared_ptr (a known false positive of its -Wmaybe-uninitialized after inlining libstdc++'s variant).
+    if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+      target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)
+    endif()
   endif()
   if(BRIVET_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
@@ -59,7 +72,7 @@ function(brivet_add_library name)
   # The library never lets an exception escape: it is built without them.
   target_compile_options(brivet_${name} PRIVATE -fno-exceptions)
   target_link_libraries(brivet_${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_DEPS})
-  brivet_apply_warnings(brivet_${name})
+  brivet_apply_warnings(brivet_${name} STRICT)
   brivet_apply_sanitizers(brivet_${name})
   set_property(GLOBAL APPEND PROPERTY BRIVET_EXPORTED_TARGETS brivet_${name})
 endfunction()
@@ -215,10 +228,13 @@ function(brivet_add_install_test)
     list(APPEND names "${name}")
   endforeach()
   list(JOIN names "," names)
-  set(flags "")
+  # The consumer is built the way this build was (standard library, word size, sanitizers), so that every
+  # installed header is also checked alone with that toolchain.
+  set(flags "${CMAKE_CXX_FLAGS}")
   if(BRIVET_SANITIZE)
-    set(flags "-fsanitize=${BRIVET_SANITIZE}")
+    string(APPEND flags " -fsanitize=${BRIVET_SANITIZE}")
   endif()
+  string(STRIP "${flags}" flags)
   add_test(NAME install.consumer
            COMMAND ${CMAKE_COMMAND} "-DBUILD_DIR=${CMAKE_BINARY_DIR}" "-DSOURCE_DIR=${BRIVET_SOURCE_ROOT}/tests/install"
                    "-DWORK_DIR=${CMAKE_BINARY_DIR}/install-test" "-DTARGETS=${names}"

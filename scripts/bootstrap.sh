@@ -9,6 +9,9 @@ packages=(
   cmake ninja-build g++ make pkg-config
   # the sanitizer builds of CI
   clang libclang-rt-14-dev
+  # the app-toolchain builds of CI: libc++ (with googletest compiled from its
+  # source package against it) and 32-bit x86 through GCC's multilib
+  libc++-14-dev libc++abi-14-dev googletest g++-multilib
   # libraries
   rapidjson-dev libfast-float-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libcpp-httplib-dev

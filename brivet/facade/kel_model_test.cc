@@ -123,7 +123,7 @@ TEST_F(KelFacadeTest, SubscriptionsAreWrappedInNewObjects) {
   const auto wrapped = model->getKeyPaths({"videos.v0.title"}, std::nullopt, nullptr);
   ASSERT_NE(wrapped, nullptr);
   EXPECT_NE(static_cast<const void*>(wrapped.get()), static_cast<const void*>(own.get()));
-  EXPECT_EQ(std::dynamic_pointer_cast<AnySubscriptionObject>(wrapped)->cancelCallback(), own->cancelCallback());
+  EXPECT_EQ(std::static_pointer_cast<AnySubscriptionObject>(wrapped)->cancelCallback(), own->cancelCallback());
   wrapped->cancel();
   wrapped->cancel();  // no once-only guard
   EXPECT_EQ(cancels, 2);
@@ -182,7 +182,7 @@ TEST_F(KelFacadeTest, LoggingReachesTheApplicationThroughItsGates) {
   EXPECT_EQ(logger->lines().back(), "userInfo: Invalid Brivet Branch Node");
   for (const KelModel* sender : logger->senders()) EXPECT_EQ(sender, model.get());
   // The legacy model never logs debug lines itself; the mediator still forwards them.
-  auto& legacy = *std::dynamic_pointer_cast<KelModelMediator>(model)->legacyModel();
+  auto& legacy = *std::static_pointer_cast<KelModelMediator>(model)->legacyModel();
   legacy.loggingDelegate()->logDebug(legacy, "a debug line");
   EXPECT_EQ(logger->lines().back(), "debug: a debug line");
 }
@@ -261,7 +261,7 @@ TEST_F(KelFacadeTest, SynchronousCacheOperationsForward) {
   EXPECT_EQ(model->modelType(), KelModelType::First);
   model->setModelType(KelModelType::Second);
   EXPECT_EQ(model->modelType(), KelModelType::Second);
-  EXPECT_EQ(std::dynamic_pointer_cast<KelModelMediator>(model)->optimizedPaths(), Strings{"lists.top"});
+  EXPECT_EQ(std::static_pointer_cast<KelModelMediator>(model)->optimizedPaths(), Strings{"lists.top"});
 }
 
 TEST_F(KelFacadeTest, AFrozenDictionaryMergedByTheAppStaysWritable) {
@@ -344,7 +344,7 @@ TEST(KelOwnershipTest, TheLastApplicationReferenceReleasesAllThree) {
     ASSERT_TRUE(answers.waitFor(1));
     model->valueForKey("-");  // lets the response block, which holds the legacy model while it runs, finish
     weakModel = model;
-    weakLegacy = std::dynamic_pointer_cast<KelModelMediator>(model)->legacyModel();
+    weakLegacy = std::static_pointer_cast<KelModelMediator>(model)->legacyModel();
     weakDelegateMediator = weakLegacy.lock()->dataSource();
   }
   EXPECT_TRUE(weakModel.expired());
@@ -358,7 +358,7 @@ TEST(KelDelegateMediatorTest, AnswersNothingOnceTheModelIsGone) {
   const auto logger = std::make_shared<AppLogger>();
   model->setDataSource(source);
   model->setLoggingDelegate(logger);
-  const std::shared_ptr<BrivetModel> legacy = std::dynamic_pointer_cast<KelModelMediator>(model)->legacyModel();
+  const std::shared_ptr<BrivetModel> legacy = std::static_pointer_cast<KelModelMediator>(model)->legacyModel();
   const auto asSource = legacy->dataSource();
   const auto asLogger = legacy->loggingDelegate();
   const auto asTracer = legacy->performanceTraceDelegate();

@@ -36,13 +36,12 @@ std::optional<KelModelOption> kelModelOptionFromRawValue(std::int64_t rawValue);
 class KelFunctionCall {
  public:
   KelFunctionCall() = delete;
-  KelFunctionCall(std::string callKeyPath, std::optional<std::vector<Object>> callArguments,
-                  std::optional<std::vector<std::string>> returnKeyPathSuffixes,
-                  std::optional<std::string> taskName = std::nullopt)
-      : callKeyPath(std::move(callKeyPath)),
-        callArguments(std::move(callArguments)),
-        returnKeyPathSuffixes(std::move(returnKeyPathSuffixes)),
-        taskName(std::move(taskName)) {}
+  KelFunctionCall(std::string keyPath, std::optional<std::vector<Object>> arguments,
+                  std::optional<std::vector<std::string>> suffixes, std::optional<std::string> name = std::nullopt)
+      : callKeyPath(std::move(keyPath)),
+        callArguments(std::move(arguments)),
+        returnKeyPathSuffixes(std::move(suffixes)),
+        taskName(std::move(name)) {}
 
   std::string callKeyPath;
   std::optional<std::vector<Object>> callArguments;
@@ -72,6 +71,7 @@ class AnySubscriptionObject final : public CustomObject, public KelSubscription 
   }
   const Callback& cancelCallback() const { return cancel_; }
   std::string_view className() const override { return "AnySubscriptionObject"; }
+  void* castTo(CustomTypeId type) override { return castAs<AnySubscriptionObject, KelSubscription>(this, type); }
 
  private:
   const Callback cancel_;

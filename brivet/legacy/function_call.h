@@ -29,6 +29,7 @@ class BrivetFunctionCall final : public CustomObject {
   const std::optional<std::string>& taskName() const { return taskName_; }
 
   std::string_view className() const override { return "BrivetFunctionCall"; }
+  void* castTo(CustomTypeId type) override { return castAs<BrivetFunctionCall>(this, type); }
   // "<BrivetFunctionCall: 0x...> : keyPath = f, arguments = (1), returnPathSuffix = (name), taskName = (null)"
   std::string description() const override;
 

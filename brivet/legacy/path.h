@@ -93,6 +93,7 @@ class BrivetPath final : public CustomObject, public BrivetPathProtocol {
   std::size_t pathCount() const override;
 
   std::string_view className() const override { return "BrivetPath"; }
+  void* castTo(CustomTypeId type) override { return castAs<BrivetPath, BrivetPathProtocol>(this, type); }
   // "<BrivetPath: 0x...> : keyPath = a.b"
   std::string description() const override;
 
@@ -127,6 +128,7 @@ class BrivetPathSet final : public CustomObject, public BrivetPathProtocol {
   std::size_t pathCount() const override;
 
   std::string_view className() const override { return "BrivetPathSet"; }
+  void* castTo(CustomTypeId type) override { return castAs<BrivetPathSet, BrivetPathProtocol>(this, type); }
   // "<BrivetPathSet: 0x...> : pathSets = (a, {from = 0; to = 2;})"
   std::string description() const override;
 

@@ -1,7 +1,5 @@
 #include "brivet/legacy/path_reference.h"
 
-#include <typeinfo>
-
 #include "brivet/legacy/constants.h"
 
 namespace brivet {
@@ -50,18 +48,24 @@ Object BrivetPathReference::make(Object path, const Object& target, const Object
 
 BrivetPathReference* BrivetPathReference::cast(const Object& object) {
   CustomObject* custom = object.asCustom();
-  return custom != nullptr && typeid(*custom) == typeid(BrivetPathReference) ? static_cast<BrivetPathReference*>(custom)
-                                                                             : nullptr;
+  return custom != nullptr ? static_cast<BrivetPathReference*>(custom->castTo(customTypeId<BrivetPathReference>()))
+                           : nullptr;
 }
 
 Object BrivetPathReference::hardReference() const {
-  if (Object target = Object::fromImpl(target_.load(std::memory_order_acquire).lock())) return target;
+  std::shared_ptr<ObjectBase> held;
+  {
+    MutexLock lock(targetMutex_);
+    held = target_.lock();
+  }
+  if (Object target = Object::fromImpl(std::move(held))) return target;
   Hop hop;
   if (!hop.allowed()) return Object();
   const Object root = root_.lock();
   if (root.isNil()) return Object();
   Object target = root.valueForKeyPath(keyPath_);
-  target_.store(target.weak(), std::memory_order_release);
+  MutexLock lock(targetMutex_);
+  target_ = target.weak();
   return target;
 }
 

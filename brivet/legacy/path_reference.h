@@ -14,18 +14,21 @@
 // hop on the calling thread; beyond `kMaxReferenceHops` nested hops a lookup answers nil and a write is dropped,
 // so no cycle can recurse without bound.
 //
-// Thread safety: the path, key path and root never change after construction; the cached target is an atomic
-// weak pointer, so concurrent readers may resolve the same reference at once. Forwarded writes touch the target
-// and need the cache's own write discipline (its queue's barrier).
+// Thread safety: the path, key path and root never change after construction. The cached target is the one field
+// that changes: the model's concurrent readers of the cache (any number of threads on its queue at once) may all
+// find it gone and resolve it again, so each reads and replaces it under a small lock of its own, held only to
+// copy the weak pointer, never across the lookup through the root. Forwarded writes touch the target and need the
+// cache's own write discipline (its queue's barrier).
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
 
+#include "brivet/platform/mutex.h"
 #include "brivet/platform/object.h"
+#include "brivet/platform/thread_annotations.h"
 
 namespace brivet {
 
@@ -55,12 +58,14 @@ class BrivetPathReference final : public CustomObject {
   void setObjectForKeyedSubscript(const Object& value, std::string_view key) { setValueForKey(value, key); }
 
   std::string_view className() const override { return "BrivetPathReference"; }
+  void* castTo(CustomTypeId type) override { return castAs<BrivetPathReference>(this, type); }
 
  private:
   const Object path_;
   const std::string keyPath_;
   const WeakObject root_;
-  mutable std::atomic<std::weak_ptr<ObjectBase>> target_;
+  mutable Mutex targetMutex_;
+  mutable std::weak_ptr<ObjectBase> target_ BRIVET_GUARDED_BY(targetMutex_);
 };
 
 }  // namespace brivet

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+#include <vector>
+
 #include "brivet/legacy/constants.h"
 #include "brivet/legacy/path_reference.h"
 #include "brivet/platform/json.h"
@@ -166,6 +169,33 @@ TEST_F(BrivetPathReferenceTest, CyclesEndAfterABoundedNumberOfHops) {
   root.setValueForKeyPath(Object(1), "loop.x");
   EXPECT_TRUE(root.valueForKeyPath("a.up.up.up.missing").isNil());
   EXPECT_TRUE(root.valueForKeyPath("a.up.up.up.up").isIdentical(ancestor));
+}
+
+// A root whose every lookup makes a new target, so a reference resolved against it finds its weak target gone on
+// each access and replaces it.
+class FreshTargets final : public CustomObject {
+ public:
+  Object valueForKeyPath(std::string_view /*keyPath*/) const override {
+    return Object::mutableDictionary({{"title", Object("Fresh")}});
+  }
+};
+
+// The model's concurrent readers may resolve one reference at once: each reads the cached target and, finding it
+// gone, stores a new one (run under ThreadSanitizer, this is the race the reference's lock is there for).
+TEST_F(BrivetPathReferenceTest, ConcurrentReadersResolveTheSameReference) {
+  const Object freshRoot(std::make_shared<FreshTargets>());
+  const Object ref = BrivetPathReference::make(json(R"(["videos", "v1"])"), Object(), freshRoot);
+  constexpr int kReaders = 4;
+  constexpr int kLookups = 2000;
+  std::vector<int> found(kReaders, 0);
+  std::vector<std::thread> readers;
+  for (int r = 0; r < kReaders; ++r) {
+    readers.emplace_back([&ref, &found, r] {
+      for (int i = 0; i < kLookups; ++i) found[static_cast<std::size_t>(r)] += ref.valueForKey("title").stringValue() == "Fresh";
+    });
+  }
+  for (std::thread& reader : readers) reader.join();
+  for (int r = 0; r < kReaders; ++r) EXPECT_EQ(found[static_cast<std::size_t>(r)], kLookups) << "reader " << r;
 }
 
 }  // namespace

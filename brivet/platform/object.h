@@ -60,7 +60,12 @@
 
 namespace brivet {
 
+// GCC 12's -Wshadow takes a scoped enumerator named like a type (`Date`) for a shadowing declaration; it shadows
+// nothing, so the warning is silenced here for the apps that build with it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
 enum class ObjectKind : std::uint8_t { Null, Number, String, Array, Dictionary, Date, Data, Custom };
+#pragma GCC diagnostic pop
 
 class Object;
 class Number;
@@ -163,7 +168,7 @@ class Object {
   const Data* asData() const;
   CustomObject* asCustom() const;
   template <class T>
-  std::shared_ptr<T> asCustom() const;  // nullptr unless a T
+  std::shared_ptr<T> asCustom() const;  // nullptr unless a T (see CustomObject::castTo)
 
   // Shortcuts for common reads; they answer an empty/zero value for other kinds.
   std::string_view stringValue() const;  // the text of a String, else ""
@@ -488,6 +493,23 @@ class Data final : public ObjectBase {
 // `valueForKey` ends in `valueForUndefinedKey`, which answers nil; setting
 // through a key path forwards to the object at the first component. Subclasses
 // override whichever they forward.
+// The identity of a C++ type for `CustomObject::castTo`: the address of a variable that only that type has, so
+// finding a custom object's type needs no RTTI (apps often build without it).
+using CustomTypeId = const void*;
+template <class T>
+struct CustomTypeAnchor {
+  static constexpr char address = 0;
+};
+template <class T>
+constexpr CustomTypeId customTypeId() noexcept {
+  return &CustomTypeAnchor<std::remove_cv_t<T>>::address;
+}
+
+// Type identity: `Object::asCustom<T>()` asks the object for itself as a `T` through `castTo`. A subclass that
+// is to be found that way, as its own class or as an interface it implements, overrides it with
+// `castAs<Self, T...>`, listing every type it may be asked for:
+//
+//   void* castTo(CustomTypeId type) override { return castAs<MySubscription, KelSubscription>(this, type); }
 class CustomObject : public ObjectBase, public std::enable_shared_from_this<CustomObject> {
  public:
   CustomObject() : ObjectBase(ObjectKind::Custom) {}
@@ -506,6 +528,22 @@ class CustomObject : public ObjectBase, public std::enable_shared_from_this<Cust
   virtual void setValueForKeyPath(const Object& value, std::string_view keyPath);
 
   Object asObject() { return Object(shared_from_this()); }
+
+  // This object as the type `type` names (pointing at that base within it), or nullptr when it is not one.
+  virtual void* castTo(CustomTypeId /*type*/) { return nullptr; }
+
+ protected:
+  // `self` as whichever of the listed types (`T`, `Rest...`) `type` names, or nullptr; `self` must derive from
+  // each of them (or be one).
+  template <class T, class... Rest, class Self>
+  static void* castAs(Self* self, CustomTypeId type) {
+    if (type == customTypeId<T>()) return static_cast<T*>(self);
+    if constexpr (sizeof...(Rest) > 0) {
+      return castAs<Rest...>(self, type);
+    } else {
+      return nullptr;
+    }
+  }
 };
 
 // Hot accessors, defined here so they inline.
@@ -526,7 +564,14 @@ inline const Array* Object::asArray() const { return isArray() ? static_cast<con
 template <class T>
 std::shared_ptr<T> Object::asCustom() const {
   if (!isCustom()) return nullptr;
-  return std::dynamic_pointer_cast<T>(std::static_pointer_cast<CustomObject>(impl_));
+  std::shared_ptr<CustomObject> custom = std::static_pointer_cast<CustomObject>(impl_);
+  if constexpr (std::is_same_v<std::remove_cv_t<T>, CustomObject>) {
+    return custom;
+  } else {
+    void* found = custom->castTo(customTypeId<T>());
+    // Shares ownership with the object, pointing at its `T` part.
+    return found != nullptr ? std::shared_ptr<T>(std::move(custom), static_cast<T*>(found)) : nullptr;
+  }
 }
 
 }  // namespace brivet

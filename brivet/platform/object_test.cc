@@ -160,6 +160,38 @@ TEST(ObjectKeyValueTest, LookupsWalkDictionariesAndForwardThroughCustomObjects) 
   EXPECT_NE(root.valueForKeyPath("lists.top").description().find("<Forwarder: 0x"), std::string::npos);
 }
 
+// An interface an app implements next to CustomObject; it is the second base, so finding it moves the pointer.
+class Cancellable {
+ public:
+  virtual ~Cancellable() = default;
+  virtual void cancel() = 0;
+};
+
+class Job final : public CustomObject, public Cancellable {
+ public:
+  void cancel() override { ++cancels; }
+  void* castTo(CustomTypeId type) override { return castAs<Job, Cancellable>(this, type); }
+  int cancels = 0;
+};
+
+TEST(ObjectCustomTypeTest, AsCustomFindsTheClassesAnObjectNamesWithoutRTTI) {
+  const auto job = std::make_shared<Job>();
+  const Object object(std::static_pointer_cast<CustomObject>(job));
+  EXPECT_EQ(object.asCustom<Job>(), job);
+  const std::shared_ptr<Cancellable> cancellable = object.asCustom<Cancellable>();
+  ASSERT_EQ(cancellable.get(), static_cast<Cancellable*>(job.get()));
+  cancellable->cancel();
+  EXPECT_EQ(job->cancels, 1);
+  EXPECT_EQ(object.asCustom<CustomObject>().get(), job.get());
+  EXPECT_EQ(job.use_count(), 3);  // `job`, `object` and the interface view share one owner
+  // A class it does not name, a class that names nothing, and objects of other kinds answer nullptr.
+  EXPECT_EQ(object.asCustom<Forwarder>(), nullptr);
+  EXPECT_EQ(Object(std::make_shared<Forwarder>(Object())).asCustom<Forwarder>(), nullptr);
+  EXPECT_EQ(Object("text").asCustom<Job>(), nullptr);
+  EXPECT_NE(customTypeId<Job>(), customTypeId<Cancellable>());
+  EXPECT_EQ(customTypeId<const Job>(), customTypeId<Job>());
+}
+
 TEST(ObjectKeyValueTest, ImmutableDictionariesIgnoreWrites) {
   const Object frozen = Object::dictionary({{"a", 1}});
   frozen.setValueForKey(2, "a");

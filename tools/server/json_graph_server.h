@@ -62,8 +62,8 @@ class JSONGraphServer {
   // A canned answer, for tests that need a failing, redirecting, dropping or
   // slow server.
   struct CannedResponse {
-    CannedResponse(int status = 500, std::string body = std::string(), std::string contentType = "application/json")
-        : status(status), body(std::move(body)), contentType(std::move(contentType)) {}
+    CannedResponse(int code = 500, std::string text = std::string(), std::string type = "application/json")
+        : status(code), body(std::move(text)), contentType(std::move(type)) {}
     int status;
     std::string body;
     std::string contentType;

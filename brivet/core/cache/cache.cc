@@ -33,7 +33,8 @@ namespace {
 struct PathHash {
   std::size_t operator()(const Path& path) const {
     std::size_t h = path.size();
-    for (const KeySet& keys : path) h = h * 0x9E3779B97F4A7C15ULL + KeySetHash()(keys);
+    // A hash: on 32-bit targets the multiplier keeps its low half, on purpose.
+    for (const KeySet& keys : path) h = h * static_cast<std::size_t>(0x9E3779B97F4A7C15ULL) + KeySetHash()(keys);
     return h;
   }
 };

@@ -13,8 +13,8 @@ using internal::Read;
 
 // The state a get subscription keeps while it waits for the data source.
 struct GetRun : internal::Run {
-  GetRun(const GetOperation& operation, Observer observer, std::uint64_t streamID)
-      : Run(operation.model(), std::move(observer), streamID), operation(operation) {}
+  GetRun(const GetOperation& op, Observer observer, std::uint64_t streamID)
+      : Run(op.model(), std::move(observer), streamID), operation(op) {}
 
   const GetOperation operation;
   JSONValue cached;       // V

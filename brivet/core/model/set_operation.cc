@@ -12,8 +12,8 @@ namespace {
 using internal::Read;
 
 struct SetRun : internal::Run {
-  SetRun(const SetOperation& operation, Observer observer, std::uint64_t streamID, std::string paths)
-      : Run(operation.model(), std::move(observer), streamID), operation(operation), paths(std::move(paths)) {}
+  SetRun(const SetOperation& op, Observer observer, std::uint64_t streamID, std::string pathsText)
+      : Run(op.model(), std::move(observer), streamID), operation(op), paths(std::move(pathsText)) {}
 
   const SetOperation operation;
   const std::string paths;  // the written key paths (signposts)

@@ -199,7 +199,8 @@ std::string MetaDate::description() const {
 }
 
 std::size_t MetaDate::hash() const {
-  std::size_t h = (static_cast<std::size_t>(kind_) + 1) * 0x9E3779B97F4A7C15ULL;
+  // A hash: on 32-bit targets the multiplier and the date keep their low halves, on purpose.
+  std::size_t h = (static_cast<std::size_t>(kind_) + 1) * static_cast<std::size_t>(0x9E3779B97F4A7C15ULL);
   if (kind_ == Kind::Date)
     h ^= static_cast<std::size_t>(date_.time_since_epoch().count()) + 0x9e3779b9 + (h << 6) + (h >> 2);
   return h;

@@ -40,7 +40,11 @@ namespace brivet {
 
 class MetaDate {
  public:
+  // A scoped enumerator named like a type is no shadowing declaration, whatever GCC 12's -Wshadow says.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
   enum class Kind : std::uint8_t { Date, Never, Now };
+#pragma GCC diagnostic pop
 
   static MetaDate date(Date value) { return MetaDate(Kind::Date, value); }
   static MetaDate never() { return MetaDate(Kind::Never, Date()); }

@@ -192,7 +192,8 @@ std::string JSONPrimitive::description() const {
 
 std::size_t JSONPrimitive::hash() const {
   auto combine = [](std::size_t discriminator, std::size_t payload) {
-    std::size_t h = (discriminator + 1) * 0x9E3779B97F4A7C15ULL;
+    // A hash: on 32-bit targets the multiplier keeps its low half, on purpose.
+    std::size_t h = (discriminator + 1) * static_cast<std::size_t>(0x9E3779B97F4A7C15ULL);
     return h ^ (payload + 0x9e3779b9 + (h << 6) + (h >> 2));
   };
   switch (kind()) {

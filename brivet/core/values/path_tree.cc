@@ -74,7 +74,8 @@ bool operator==(const Key& a, const Key& b) {
 
 std::size_t KeySetHash::operator()(const KeySet& keys) const {
   std::size_t h = keys.size();
-  for (const Key& k : keys) h = h * 0x9E3779B97F4A7C15ULL + k.hash();
+  // A hash: on 32-bit targets the multiplier keeps its low half, on purpose.
+  for (const Key& k : keys) h = h * static_cast<std::size_t>(0x9E3779B97F4A7C15ULL) + k.hash();
   return h;
 }
 

@@ -76,7 +76,11 @@ struct KeySetHash {
 
 class PathTree {
  public:
+  // A scoped enumerator named like a type is no shadowing declaration, whatever GCC 12's -Wshadow says.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
   enum class Kind : std::uint8_t { Object, KeySet, Target, Self };
+#pragma GCC diagnostic pop
   using Entry = std::pair<KeySet, PathTree>;
 
   PathTree();                                          // an empty object

@@ -229,6 +229,7 @@ class AppSubscription final : public CustomObject, public KelSubscription {
  public:
   void cancel() override { ++cancels; }
   int cancels = 0;
+  void* castTo(CustomTypeId type) override { return castAs<AppSubscription, KelSubscription>(this, type); }
 };
 
 // Completions as they arrive on the main queue; copies share the record.

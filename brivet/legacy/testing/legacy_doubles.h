@@ -30,6 +30,7 @@ class CountingOperation final : public CustomObject, public BrivetOperation {
  public:
   void cancel() override { ++cancels; }
   std::string_view className() const override { return "CountingOperation"; }
+  void* castTo(CustomTypeId type) override { return castAs<CountingOperation, BrivetOperation>(this, type); }
   int cancels = 0;
 };
 

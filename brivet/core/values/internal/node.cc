@@ -665,7 +665,8 @@ std::uint64_t keyHash(std::string_view key) { return String::hashText(key); }
 std::size_t objectSize(Slot object) {
   const Node* n = nodeOf(object);
   if (n->kind == NodeKind::SmallObject) return reinterpret_cast<const SmallObjectNode*>(n)->shape->count;
-  return reinterpret_cast<const HashObjectNode*>(n)->count;
+  // Every entry is in memory, so the count (64 bits wide in the node) always fits a size.
+  return static_cast<std::size_t>(reinterpret_cast<const HashObjectNode*>(n)->count);
 }
 
 Slot objectFind(Slot object, const KeyProbe& key) {
@@ -1006,7 +1007,7 @@ Slot makeLeaf(LeafKind kind, Slot ownedValue, const Metadata& m) {
     if (isArraySlot(ownedValue)) return ownedValue | kTagRef;
   }
   const int fields = static_cast<int>(popcount32(m.present));
-  const std::size_t bytes = offsetof(LeafNode, fields) + sizeof(std::int64_t) * std::max(fields, 1);
+  const std::size_t bytes = offsetof(LeafNode, fields) + sizeof(std::int64_t) * static_cast<std::size_t>(std::max(fields, 1));
   auto* leaf = allocateNode<LeafNode>(bytes, NodeKind::Leaf, clampDepth(depth));
   leaf->leafKind = kind;
   leaf->present = m.present;

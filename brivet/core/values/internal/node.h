@@ -261,8 +261,11 @@ struct ShapeNode {
 struct SmallObjectNode {
   Node header;
   const ShapeNode* shape;
-  Slot values[1];  // shape->count slots follow
+  // 8-byte aligned even where a pointer is 4 bytes and a 64-bit integer in a struct only 4-aligned (32-bit
+  // x86): the embedded strings after the values are addressed by tagged slots, whose low 3 bits are the tag.
+  alignas(8) Slot values[1];  // shape->count slots follow
 };
+static_assert(offsetof(SmallObjectNode, values) % 8 == 0);
 // A persistent hash trie node: Trie nodes index their entries by a 32-bit
 // bitmap of hash chunks; Collision nodes (all 60 hash bits equal) list them.
 struct TrieNode {
