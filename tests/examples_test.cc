@@ -23,7 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::vector<std::string> kPrograms = {"core_quickstart", "facade_quickstart", "coroutine_quickstart", "shapes"};
+const std::vector<std::string> kPrograms = {"core_quickstart", "facade_quickstart", "coroutine_quickstart", "shapes",
+                                            "custom_subscription"};
 
 std::string slurp(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
