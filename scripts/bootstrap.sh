@@ -14,7 +14,7 @@ packages=(
   libc++-14-dev libc++abi-14-dev googletest g++-multilib
   # libraries
   rapidjson-dev libfast-float-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libcurl4-openssl-dev libcpp-httplib-dev
+  libcurl4-openssl-dev
 )
 
 missing=()

@@ -1,7 +1,6 @@
 #include "brivet/adapters/http_transport.h"
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 #include <thread>
 
 #include "brivet/platform/dispatch_queue.h"
+#include "tools/server/http_server.h"
 
 namespace brivet {
 namespace {
@@ -18,59 +18,68 @@ namespace {
 using namespace std::chrono_literals;
 using Outcome = Result<HTTPResponse, HTTPTransportError>;
 
-// A loopback server on a free port, run on its own thread.
+// A loopback server on a free port: the project's own HTTP server, so this test
+// builds with whichever standard library the rest of the project uses.
 class LoopbackServer {
  public:
   LoopbackServer() {
-    server_.Get("/json", [](const httplib::Request& request, httplib::Response& response) {
-      response.set_content("{\"q\":\"" + request.get_param_value("q") + "\"}", "application/json");
-    });
-    server_.Post("/form", [](const httplib::Request& request, httplib::Response& response) {
-      response.set_content(request.get_param_value("a") + "|" + request.get_param_value("b"), "text/plain");
-    });
-    server_.Get("/fail", [](const httplib::Request&, httplib::Response& response) {
-      response.status = 500;
-      response.set_content("{\"message\":\"boom\"}", "application/json");
-    });
-    server_.Get("/slow", [this](const httplib::Request&, httplib::Response& response) {
-      for (int i = 0; i < 300 && !stopping_; ++i) std::this_thread::sleep_for(10ms);
-      response.set_content("late", "text/plain");
-    });
-    server_.Get("/big", [](const httplib::Request&, httplib::Response& response) {
-      response.set_content(std::string(1 << 20, 'x'), "text/plain");
-    });
-    server_.Get("/moved", [](const httplib::Request&, httplib::Response& response) {
-      response.set_redirect("/json?q=moved", 302);
-    });
-    server_.Post("/moved-form", [](const httplib::Request&, httplib::Response& response) {
-      response.set_redirect("/form", 307);
-    });
-    server_.Get("/loop", [](const httplib::Request&, httplib::Response& response) {
-      response.set_redirect("/loop", 302);
-    });
-    server_.Get("/elsewhere", [](const httplib::Request&, httplib::Response& response) {
-      response.set_redirect("ftp://127.0.0.1/file", 302);
-    });
-
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    // bind_to_any_port already listens: early connections wait in the backlog.
-    // A stop() before the server runs would be lost and the destructor would
-    // wait forever for its accept loop, so the server must be running first.
-    while (!server_.is_running()) std::this_thread::yield();
+    auto started = tools::HTTPServer::start(
+        {}, 0, [this](const tools::HTTPServerRequest& request) { return answer(request); },
+        [](const tools::HTTPWireError&) { return respond(400, ""); });
+    EXPECT_TRUE(started.ok());
+    if (started.ok()) server_ = std::move(started.value());
   }
   ~LoopbackServer() {
-    stopping_ = true;
-    server_.stop();
-    thread_.join();
+    stopping_ = true;  // ends a slow answer at once, so the server's destructor need not wait for it
+    server_.reset();
   }
-  std::string url(std::string_view path) const { return "http://127.0.0.1:" + std::to_string(port_) + std::string(path); }
+  std::string url(std::string_view path) const {
+    return "http://127.0.0.1:" + std::to_string(server_->port()) + std::string(path);
+  }
 
  private:
-  httplib::Server server_;
+  static std::string value(std::string_view form, const std::string& name) {
+    auto pairs = tools::decodeForm(form);
+    if (!pairs.ok()) return "(not a form)";
+    for (const auto& [key, text] : pairs.value()) {
+      if (key == name) return text;
+    }
+    return "";
+  }
+  static tools::HTTPServerResponse respond(int status, std::string body, std::string contentType = "text/plain") {
+    tools::HTTPServerResponse response;
+    response.status = status;
+    response.body = std::move(body);
+    response.contentType = std::move(contentType);
+    return response;
+  }
+  static tools::HTTPServerResponse redirect(int status, std::string location) {
+    tools::HTTPServerResponse response = respond(status, "");
+    response.fields.emplace_back("Location", std::move(location));
+    return response;
+  }
+
+  tools::HTTPServerResponse answer(const tools::HTTPServerRequest& request) {
+    const std::string& path = request.path;
+    if (request.method == "GET" && path == "/json") return respond(200, "{\"q\":\"" + value(request.query, "q") + "\"}", "application/json");
+    if (request.method == "POST" && path == "/form") {
+      return respond(200, value(request.body, "a") + "|" + value(request.body, "b"));
+    }
+    if (path == "/fail") return respond(500, R"({"message":"boom"})", "application/json");
+    if (path == "/slow") {
+      for (int i = 0; i < 300 && !stopping_; ++i) std::this_thread::sleep_for(10ms);
+      return respond(200, "late");
+    }
+    if (path == "/big") return respond(200, std::string(1 << 20, 'x'));
+    if (path == "/moved") return redirect(302, "/json?q=moved");
+    if (path == "/moved-form") return redirect(307, "/form");
+    if (path == "/loop") return redirect(302, "/loop");
+    if (path == "/elsewhere") return redirect(302, "ftp://127.0.0.1/file");
+    return respond(404, "");
+  }
+
   std::atomic<bool> stopping_{false};
-  int port_ = 0;
-  std::thread thread_;
+  std::unique_ptr<tools::HTTPServer> server_;
 };
 
 class HTTPTransportTest : public ::testing::Test {

@@ -80,6 +80,8 @@ std::shared_ptr<SignpostSink> signpostSink() {
 struct SignpostRecorder::State {
   mutable Mutex mu;
   std::vector<Record> records BRIVET_GUARDED_BY(mu);
+  std::size_t open BRIVET_GUARDED_BY(mu) = 0;  // begins not yet matched by an end
+  mutable CondVar allClosed;
   const std::chrono::steady_clock::time_point origin = std::chrono::steady_clock::now();
 };
 
@@ -100,6 +102,7 @@ void SignpostRecorder::emit(SignpostPhase phase, std::string_view subsystem, std
                 std::chrono::steady_clock::now(), currentThreadID()};
   MutexLock lock(state_->mu);
   state_->records.push_back(std::move(record));
+  if (phase == SignpostPhase::End && state_->open > 0 && --state_->open == 0) state_->allClosed.notifyAll();
 }
 
 void SignpostRecorder::emitBegin(std::string_view /*subsystem*/, std::string_view category, std::string_view name,
@@ -108,6 +111,7 @@ void SignpostRecorder::emitBegin(std::string_view /*subsystem*/, std::string_vie
                 std::chrono::steady_clock::now(), currentThreadID(), parent};
   MutexLock lock(state_->mu);
   state_->records.push_back(std::move(record));
+  ++state_->open;
 }
 
 std::vector<SignpostRecorder::Record> SignpostRecorder::records() const {
@@ -118,6 +122,17 @@ std::vector<SignpostRecorder::Record> SignpostRecorder::records() const {
 void SignpostRecorder::clear() {
   MutexLock lock(state_->mu);
   state_->records.clear();
+  state_->open = 0;
+  state_->allClosed.notifyAll();
+}
+
+bool SignpostRecorder::waitForOpenIntervals(std::chrono::milliseconds timeout) const {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  MutexLock lock(state_->mu);
+  while (state_->open > 0) {
+    if (!state_->allClosed.waitUntil(state_->mu, deadline) && std::chrono::steady_clock::now() >= deadline) break;
+  }
+  return state_->open == 0;
 }
 
 std::string SignpostRecorder::chromeTraceJSON() const {

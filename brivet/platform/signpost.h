@@ -73,6 +73,12 @@ class SignpostRecorder final : public SignpostSink {
                  std::uint64_t parent, std::string_view message) override;
   std::vector<Record> records() const;
   void clear();
+  // Waits until every interval recorded as begun has been recorded as ended,
+  // or `timeout` passes; answers whether none is left open. An operation closes
+  // its intervals on its own queue just after it hands its terminal event to the
+  // subscriber's queue, so a program that writes the trace as soon as the result
+  // arrives waits here first. Any thread.
+  bool waitForOpenIntervals(std::chrono::milliseconds timeout) const;
   // {"traceEvents": [...], "displayTimeUnit": "ms"}: intervals as nestable
   // async begin/end pairs ("b" / "e"), events as nestable async instants
   // ("n"). Every interval of one tree (an interval, those inside it, and so

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "brivet/platform/json.h"
 
@@ -122,6 +123,20 @@ TEST_F(SignpostTest, ChromeTraceFileIsValidJSONWithPairedIntervalsNestedInTheirP
   EXPECT_TRUE(events[6]["args"]["parent"].isEqual(events[5]["args"]["span"]));
   EXPECT_EQ(events[5]["name"].stringValue(), "Cache");
   EXPECT_FALSE(SignpostRecorder::shared()->writeChromeTrace("/nonexistent/dir/trace.json").ok());
+}
+
+TEST_F(SignpostTest, WaitingForOpenIntervalsEndsWhenTheLastOneClosesElsewhere) {
+  SignpostRecorder recorder;
+  recorder.emitBegin("brivet", "Stream", "Stream", 1, 0, "");
+  recorder.emitBegin("brivet", "Cache", "Cache", 2, 1, "");
+  recorder.emit(SignpostPhase::End, "brivet", "Cache", "Cache", 2, "");
+  EXPECT_FALSE(recorder.waitForOpenIntervals(std::chrono::milliseconds(1)));  // the stream is still open
+
+  std::thread closer([&] { recorder.emit(SignpostPhase::End, "brivet", "Stream", "Stream", 1, ""); });
+  EXPECT_TRUE(recorder.waitForOpenIntervals(std::chrono::seconds(20)));
+  closer.join();
+  recorder.emit(SignpostPhase::End, "brivet", "Stream", "Stream", 1, "");  // an unmatched end opens nothing
+  EXPECT_TRUE(recorder.waitForOpenIntervals(std::chrono::milliseconds(0)));
 }
 
 TEST_F(SignpostTest, DisabledLogIssuesNoIdentifiers) {

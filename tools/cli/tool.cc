@@ -154,6 +154,9 @@ class TraceFile {
   // Writes the file; the failure when it cannot.
   std::optional<ToolFailure> write(std::ostream& err) const {
     if (!path_) return std::nullopt;
+    // The result reaches the tool just before the operation closes its intervals on its own queue; an
+    // interval still open after a second belongs to an operation that never ended (a time-out).
+    SignpostRecorder::shared()->waitForOpenIntervals(std::chrono::seconds(1));
     const std::size_t events = SignpostRecorder::shared()->records().size();
     Result<void> written = SignpostRecorder::shared()->writeChromeTrace(*path_);
     if (!written.ok()) {

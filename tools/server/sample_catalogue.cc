@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "brivet/core/values/graph_builders.h"
+
 namespace brivet::tools {
 namespace {
 
@@ -24,15 +26,8 @@ Object video(std::size_t i, const std::string& title, std::int64_t year, const s
        {"rating", static_cast<double>(i % 50) / 10.0},
        {"year", year},
        {"genre", genre},
-       {"boxart", Object::dictionary({{"$type", "atom"},
-                                      {"value", Object::dictionary({{"url", "https://img.example/" +
-                                                                                std::to_string(i) + ".jpg"},
-                                                                     {"w", 150},
-                                                                     {"h", 200}})}})}});
-}
-
-Object reference(const std::string& name) {
-  return Object::dictionary({{"$type", "ref"}, {"value", Object::array({"videos", name})}});
+       {"boxart", leaf::atom(Object::dictionary(
+                      {{"url", "https://img.example/" + std::to_string(i) + ".jpg"}, {"w", 150}, {"h", 200}}))}});
 }
 
 }  // namespace
@@ -44,7 +39,9 @@ JSONGraph sampleCatalogue() {
                         video(i, kTitles[i], static_cast<std::int64_t>(1950 + i * 3 % 70), kGenres[i % 8]));
   }
   std::vector<Object::Entry> top;
-  for (std::size_t k = 0; k < kListLength; ++k) top.emplace_back(Object(std::to_string(k)), reference("v" + std::to_string(k)));
+  for (std::size_t k = 0; k < kListLength; ++k) {
+    top.emplace_back(Object(std::to_string(k)), leaf::ref("videos", "v" + std::to_string(k)));
+  }
   top.emplace_back(Object("length"), Object(static_cast<std::int64_t>(kListLength)));
   return JSONGraph::fromAny(Object::dictionary({{"lists", Object::dictionary({{"top", Object::dictionary(top)}})},
                                                 {"videos", Object::dictionary(videos)}}));
@@ -84,7 +81,7 @@ void registerSampleFunctions(JSONGraphServer& server) {
         const std::string index = std::to_string(length);
         JSONGraphServer::CallResult result;
         result.jsonGraph = JSONGraph::fromAny(Object::dictionary(
-            {{"lists", Object::dictionary({{"top", Object::dictionary({{index, reference(name)},
+            {{"lists", Object::dictionary({{"top", Object::dictionary({{index, leaf::ref("videos", name)},
                                                                         {"length", length + 1}})}})},
              {"videos", Object::dictionary({{name, video(next, title, year, genre)}})}}));
         result.paths = Object::array({Object::array({"lists", "top", index}), Object::array({"lists", "top", "length"})});

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <system_error>
 
+#include "brivet/platform/internal/utf8.h"
+
 namespace brivet::internal {
 namespace {
 
@@ -120,28 +122,9 @@ JSONTextFault findJSONTextFault(std::string_view text) {
       ++p;
       continue;
     }
-    std::size_t n;
-    unsigned cp;
-    if ((c & 0xE0) == 0xC0) {
-      n = 1;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      n = 2;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      n = 3;
-      cp = c & 0x07;
-    } else {
-      return fault(JSONTextFaultKind::InvalidUTF8);
-    }
-    if (static_cast<std::size_t>(end - p) <= n) return fault(JSONTextFaultKind::InvalidUTF8);
-    for (std::size_t i = 1; i <= n; ++i) {
-      if ((p[i] & 0xC0) != 0x80) return fault(JSONTextFaultKind::InvalidUTF8);
-      cp = (cp << 6) | (p[i] & 0x3F);
-    }
-    const bool overlong = (n == 1 && cp < 0x80) || (n == 2 && cp < 0x800) || (n == 3 && cp < 0x10000);
-    if (overlong || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return fault(JSONTextFaultKind::InvalidUTF8);
-    p += n + 1;
+    const std::size_t length = utf8SequenceLength(p, end);
+    if (length == 0) return fault(JSONTextFaultKind::InvalidUTF8);
+    p += length;
   }
   return {};
 }

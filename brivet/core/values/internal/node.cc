@@ -1262,8 +1262,8 @@ bool valueEqual(Slot a, Slot b) {
 
 bool graphEqual(Slot a, Slot b) {
   if (a == b) return true;
-  LeafParts x;
-  LeafParts y;
+  LeafParts x{};  // read only when both are wrapped; initialised so optimised builds can see that
+  LeafParts y{};
   const bool wrappedA = leafParts(a, &x);
   const bool wrappedB = leafParts(b, &y);
   if (wrappedA || wrappedB) {
