@@ -174,10 +174,11 @@ class ObjectBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Obj
   const bool mutable_;
 };
 
+// One reader for every text. Text with a byte JSON does not allow (found
+// beforehand, see parseJSON) is read with it too: up to that byte the text is
+// clean, so the reader fails there exactly as a validating reader would, and
+// whatever it does past that byte is never reported (the fault is).
 constexpr unsigned kParseFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag;
-// Text with a byte JSON does not allow is read with RapidJSON's scalar string
-// scan, which stops at every control character, so the first fault is found.
-constexpr unsigned kParseCheckedFlags = kParseFlags | rapidjson::kParseValidateEncodingFlag;
 
 // Why an object cannot be written, or nullptr when it can.
 const char* invalidReason(const Object& o, std::size_t depth) {
@@ -219,6 +220,17 @@ const char* invalidTopLevel(const Object& o, JSONWritingOptions options) {
   return invalidReason(o, 0);
 }
 
+// A dictionary's entries in key order. Kept out of the writer template, so that the compact and the pretty
+// writer share one sort.
+std::vector<const Object::Entry*> sortedEntries(const Dictionary& d) {
+  std::vector<const Object::Entry*> entries;
+  entries.reserve(d.size());
+  for (const auto& entry : d) entries.push_back(&entry);
+  std::sort(entries.begin(), entries.end(),
+            [](const auto* a, const auto* b) { return a->first.stringValue() < b->first.stringValue(); });
+  return entries;
+}
+
 template <class Writer>
 bool writeValue(Writer& w, const Object& o, bool sortKeys) {
   switch (o.kind()) {
@@ -248,12 +260,7 @@ bool writeValue(Writer& w, const Object& o, bool sortKeys) {
       if (!w.StartObject()) return false;
       const Dictionary& d = *o.asDictionary();
       if (sortKeys) {
-        std::vector<const Object::Entry*> entries;
-        entries.reserve(d.size());
-        for (const auto& entry : d) entries.push_back(&entry);
-        std::sort(entries.begin(), entries.end(),
-                  [](const auto* a, const auto* b) { return a->first.stringValue() < b->first.stringValue(); });
-        for (const auto* entry : entries) {
+        for (const auto* entry : sortedEntries(d)) {
           const std::string_view k = entry->first.stringValue();
           if (!w.Key(k.data(), static_cast<rapidjson::SizeType>(k.size())) ||
               !writeValue(w, entry->second, sortKeys)) {
@@ -278,7 +285,6 @@ bool writeValue(Writer& w, const Object& o, bool sortKeys) {
 }  // namespace brivet
 
 BRIVET_RAPIDJSON_READ_NUMBERS(brivet::kParseFlags, brivet::ObjectBuilder)
-BRIVET_RAPIDJSON_READ_NUMBERS(brivet::kParseCheckedFlags, brivet::ObjectBuilder)
 
 namespace brivet {
 namespace {
@@ -292,8 +298,7 @@ Error invalidText(std::size_t offset, const char* what) {
 // 16-byte blocks, so the buffer carries padding past the text for them.
 // `fault` is the first byte that JSON text may not hold, when there is one:
 // the text is refused, at that byte or at an earlier fault the reader finds.
-template <unsigned kFlags>
-Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options, const internal::JSONTextFault& fault) {
+Result<Object> parseText(std::string_view text, JSONReadingOptions options, const internal::JSONTextFault& fault) {
   constexpr std::size_t kScanPadding = 32;
   std::string buffer;
   buffer.reserve(text.size() + kScanPadding);
@@ -302,7 +307,7 @@ Result<Object> parseWithFlags(std::string_view text, JSONReadingOptions options,
   rapidjson::Reader reader;
   ObjectBuilder builder(options & JSONReadingOptions::MutableContainers, buffer.data() + buffer.size(),
                         internal::mayHoldSurrogateEscape(text));
-  const rapidjson::ParseResult parsed = reader.Parse<kFlags>(stream, builder);
+  const rapidjson::ParseResult parsed = reader.Parse<kParseFlags>(stream, builder);
   if (fault && (!parsed.IsError() || parsed.Offset() >= fault.offset)) {
     return invalidText(fault.offset, internal::describeJSONTextFault(fault.kind));
   }
@@ -340,8 +345,7 @@ Result<Object> parseJSON(std::string_view text, JSONReadingOptions options) {
   // which is far cheaper than the reader's per-character checks (and its
   // vector string scan lets the characters 0x1A to 0x1F through).
   const internal::JSONTextFault fault = internal::findJSONTextFault(text);
-  if (!fault) return parseWithFlags<kParseFlags>(text, options, fault);
-  return parseWithFlags<kParseCheckedFlags>(text, options, fault);
+  return parseText(text, options, fault);
 }
 
 bool isValidJSONObject(const Object& object, JSONWritingOptions options) {

@@ -317,6 +317,16 @@ namespace {
 
 // --- Writing ---
 
+// An object's entries in key order. Kept out of the writer template, so that the compact and the pretty writer
+// share one sort.
+std::vector<internal::Entry> sortedEntries(Slot s) {
+  std::vector<internal::Entry> entries = internal::objectEntries(s);
+  std::sort(entries.begin(), entries.end(), [](const internal::Entry& a, const internal::Entry& b) {
+    return internal::stringOf(a.key) < internal::stringOf(b.key);
+  });
+  return entries;
+}
+
 template <class Writer>
 class GraphWriter {
  public:
@@ -386,10 +396,7 @@ class GraphWriter {
     if (!w_.StartObject()) return false;
     bool ok = true;
     if (sortKeys_) {
-      std::vector<Entry> entries = internal::objectEntries(s);
-      std::sort(entries.begin(), entries.end(),
-                [](const Entry& a, const Entry& b) { return internal::stringOf(a.key) < internal::stringOf(b.key); });
-      for (const Entry& e : entries) {
+      for (const Entry& e : sortedEntries(s)) {
         if (!key(internal::stringOf(e.key)) || !(asGraph ? graph(e.value) : value(e.value))) return false;
       }
     } else {
