@@ -1,7 +1,8 @@
 // The cost of listing, writing and reading back one long path grows with its length, not with its length squared.
 // Counted in allocations and bytes allocated (this binary counts every operator new), not in time: a 512-level
-// path must cost at most a little more than 8 times a 64-level one (linear), where a prefix copied at every level
-// costs 64 times as much. Sanitizer builds replace operator new themselves, so there the test is skipped.
+// path costs about 8 times a 64-level one when the cost is linear (up to twice that, as strings grow by doubling),
+// and 64 times as much when a prefix is copied at every level; the bound is 24. Sanitizer builds replace operator
+// new themselves, so there the test is skipped.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -73,14 +74,14 @@ class PathTreeScaleTest : public ::testing::Test {
   static Cost cost(const std::function<void()>&) { return {0, 0}; }
 #endif
 
-  // `f` over a 512-level path against a 64-level one: at most 10 times the allocations and bytes.
+  // `f` over a 512-level path against a 64-level one: at most 24 times the allocations and bytes.
   static void expectLinear(const char* what, const std::function<void(const PathTree&)>& f) {
     const PathTree shortTree = longPath(64);
     const PathTree longTree = longPath(512);
     const Cost small = cost([&] { f(shortTree); });
     const Cost large = cost([&] { f(longTree); });
-    EXPECT_LE(large.allocations, 10 * small.allocations) << what;
-    EXPECT_LE(large.bytes, 10 * small.bytes) << what;
+    EXPECT_LE(large.allocations, 24 * small.allocations) << what;
+    EXPECT_LE(large.bytes, 24 * small.bytes) << what;
   }
 };
 
