@@ -6,7 +6,7 @@
 # than FUZZ_RSS_MB of memory fails the run; the input is kept in build-fuzz/artifacts/<name>/.
 #
 #   FUZZ_SECONDS=60 scripts/fuzz.sh                 every target, 60 s each (the default)
-#   FUZZ_TARGETS="json_text path" scripts/fuzz.sh   only these targets
+#   FUZZ_TARGETS="json_text path" scripts/fuzz.sh   only these targets (separated by spaces or commas)
 #   FUZZ_RUNS=10000000 scripts/fuzz.sh              stop each target after that many executions
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,6 +17,7 @@ runs=${FUZZ_RUNS:--1}
 input_timeout=${FUZZ_INPUT_TIMEOUT:-10}
 rss_mb=${FUZZ_RSS_MB:-2048}
 only=${FUZZ_TARGETS:-}
+only=${only//,/ }
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DBRIVET_WERROR=ON -DBRIVET_SANITIZE=address,undefined -DBRIVET_BUILD_FUZZERS=ON \

@@ -18,7 +18,7 @@ using ::brivet::testing::ScriptedDataSource;
 using ::brivet::testing::ScriptedResponse;
 
 const std::string kBudgetMessage = " ERROR: Reading the paths went past the walk budget of the cache (" +
-                                   std::to_string(internal::kWalkStepBudget) + " steps plus 4 per key of the paths).";
+                                   std::to_string(internal::kWalkStepBudget) + " steps plus 1 per key of the paths).";
 
 class LegacyHostileTest : public ::testing::Test {
  protected:

@@ -266,51 +266,34 @@ ItemResult keyFromItem(const Object& item, std::optional<Key>* out) {
   return ItemResult::Skip;
 }
 
-void flatten(const PathTree& tree, const std::vector<Path>& prefixes, std::vector<Path>& out) {
+// Lists the paths below `tree` with `prefix` (the key sets leading to it) in front. One prefix is grown and shrunk
+// along the walk, so a path of n levels costs n key copies when it is listed, not one copy of its prefix per
+// level (n^2 / 2 for a long path).
+void flatten(const PathTree& tree, Path& prefix, std::vector<Path>& out) {
   if (tree.kind() != PathTree::Kind::Object || tree.entries().empty()) return;
   KeySet selves;
   for (const auto& [keys, sub] : tree.entries()) {
     if (sub.kind() == PathTree::Kind::Self) selves.insert(selves.end(), keys.begin(), keys.end());
   }
-  if (!selves.empty()) {
-    if (prefixes.empty()) {
-      out.push_back({selves});
-    } else {
-      for (const Path& p : prefixes) {
-        Path path = p;
-        path.push_back(selves);
-        out.push_back(std::move(path));
-      }
-    }
-  }
+  auto emit = [&](const KeySet& last, const KeySet* after) {
+    Path path;
+    path.reserve(prefix.size() + (after != nullptr ? 2 : 1));
+    path.insert(path.end(), prefix.begin(), prefix.end());
+    path.push_back(last);
+    if (after != nullptr) path.push_back(*after);
+    out.push_back(std::move(path));
+  };
+  if (!selves.empty()) emit(selves, nullptr);
   for (const auto& [keys, sub] : tree.entries()) {
     switch (sub.kind()) {
-      case PathTree::Kind::Object: {
-        std::vector<Path> extended;
-        if (prefixes.empty()) {
-          extended.push_back({keys});
-        } else {
-          for (const Path& p : prefixes) {
-            Path path = p;
-            path.push_back(keys);
-            extended.push_back(std::move(path));
-          }
-        }
-        flatten(sub, extended, out);
+      case PathTree::Kind::Object:
+        prefix.push_back(keys);
+        flatten(sub, prefix, out);
+        prefix.pop_back();
         break;
-      }
       case PathTree::Kind::KeySet:
         // At the top level as below it: the entry's key set followed by the subtree's keys.
-        if (prefixes.empty()) {
-          out.push_back({keys, sub.keys()});
-        } else {
-          for (const Path& p : prefixes) {
-            Path path = p;
-            path.push_back(keys);
-            path.push_back(sub.keys());
-            out.push_back(std::move(path));
-          }
-        }
+        emit(keys, &sub.keys());
         break;
       default: break;
     }
@@ -526,7 +509,8 @@ const PathTree* PathTree::find(const KeySet& keys) const {
 
 std::vector<Path> PathTree::paths() const {
   std::vector<Path> out;
-  flatten(*this, {}, out);
+  Path prefix;
+  flatten(*this, prefix, out);
   return out;
 }
 
@@ -559,6 +543,14 @@ std::vector<std::string> PathTree::keyPathStrings(std::size_t limit) const {
     const std::size_t wanted = limit - out.size();
     std::vector<std::string> partial{""};
     for (const KeySet& keys : path) {
+      if (keys.size() == 1) {  // appended in place: a long path of single keys is not copied once per level
+        const std::string text = keyText(keys[0]);
+        for (std::string& prefix : partial) {
+          if (!prefix.empty()) prefix += '.';
+          prefix += text;
+        }
+        continue;
+      }
       std::vector<std::string> next;
       next.reserve(std::min(wanted, partial.size() * keys.size()));
       for (const std::string& prefix : partial) {

@@ -60,19 +60,44 @@ bool inRanges(const std::vector<BrivetKeySet::Range>& ranges, std::int64_t v) {
   return it != ranges.begin() && v <= std::prev(it)->to;
 }
 
-// Calls `visit(key)` for every key of `keys` in order, the set's ranges (joined) where the first of them stands.
+// The key objects a read writes into its result, shared instead of made once per visit: a key of the paths (the
+// same key set is visited once per node a walk reaches through it) gets one object per walk. A direct-mapped table
+// on the key's address: a collision only costs a new object, and the table never grows.
+class KeyObjects {
+ public:
+  const Object& of(const std::string& key) {
+    Slot& slot = slots_[(reinterpret_cast<std::uintptr_t>(&key) >> 4) % kSlots];
+    if (slot.key != &key) {
+      slot.key = &key;
+      slot.object = Object(std::string_view(key));
+    }
+    return slot.object;
+  }
+
+ private:
+  static constexpr std::size_t kSlots = 256;
+  struct Slot {
+    const std::string* key = nullptr;
+    Object object;
+  };
+  Slot slots_[kSlots];
+};
+
+// Calls `visit(key, object)` for every key of `keys` in order, the set's ranges (joined) where the first of them stands.
 // Ranges naming more keys than the branch holds are answered from the branch's own keys (sorted by index), so a
 // huge range costs what the branch holds, not what the range names. One budget step per key looked up (or per
-// entry of the branch scanned); answers false once the budget is spent.
+// entry of the branch scanned); answers false once the budget is spent. `object` is the key as an object when one
+// is at hand (the branch's own key, or the key set's through `shared`), else nullptr.
 template <class Visit>
-bool forEachKey(const BrivetKeySet& keys, const Dictionary& branch, StepBudget& budget, Visit&& visit) {
+bool forEachKey(const BrivetKeySet& keys, const Dictionary& branch, StepBudget& budget, KeyObjects* shared,
+                Visit&& visit) {
   char buffer[24];
   bool rangesVisited = false;
   for (const BrivetKeySet::Element& element : keys.elements()) {
     if (budget.exhausted()) return false;
     if (const std::string* key = std::get_if<std::string>(&element)) {
       if (!budget.spend(1)) return false;
-      visit(std::string_view(*key));
+      visit(std::string_view(*key), shared != nullptr ? &shared->of(*key) : nullptr);
       continue;
     }
     if (rangesVisited) continue;
@@ -85,23 +110,23 @@ bool forEachKey(const BrivetKeySet& keys, const Dictionary& branch, StepBudget& 
         for (std::int64_t i = range.from;; ++i) {
           if (!budget.spend(1)) return false;
           const auto end = std::to_chars(buffer, buffer + sizeof buffer, i).ptr;
-          visit(std::string_view(buffer, static_cast<std::size_t>(end - buffer)));
+          visit(std::string_view(buffer, static_cast<std::size_t>(end - buffer)), nullptr);
           if (i == range.to) break;
         }
       }
       continue;
     }
     if (!budget.spend(branch.size())) return false;
-    std::vector<std::pair<std::int64_t, std::string_view>> present;
+    std::vector<std::pair<std::int64_t, const Object*>> present;
     for (const auto& [key, value] : branch) {
       if (!key.isString()) continue;
       const auto index = canonicalInteger(key.stringValue());
-      if (index && inRanges(ranges, *index)) present.emplace_back(*index, key.stringValue());
+      if (index && inRanges(ranges, *index)) present.emplace_back(*index, &key);
     }
-    std::sort(present.begin(), present.end());
+    std::sort(present.begin(), present.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     for (const auto& entry : present) {
       if (budget.exhausted()) return false;
-      visit(entry.second);
+      visit(entry.second->stringValue(), entry.second);
     }
   }
   return !budget.exhausted();
@@ -130,7 +155,7 @@ Object processSentinal(const Object& node, const BrivetPathProtocol* slice, cons
   if (isLeafNode(node)) return leafPayload(node);
   if (const BrivetPathReference* reference = BrivetPathReference::cast(node)) {
     if (slice == nullptr || slice->pathCount() == 0) return Object();
-    if (references >= kMaxReferencesPerPath || !budget.spend(1)) return Object::mutableDictionary();
+    if (!budget.spend(1) || references >= kMaxReferencesPerPath) return Object::mutableDictionary();
     const Object target = reference->hardReference();
     if (target.isNil()) return Object::mutableDictionary();
     return getJSONAt(target, slice, root, references + 1, budget);
@@ -151,7 +176,7 @@ Object getJSONAt(const Object& node, const BrivetPathProtocol* path, const Objec
   if (branch == nullptr || keys == nullptr) return result;
   Dictionary& out = *result.asMutableDictionary();
   const BrivetPathProtocol* next = path->nextPath();
-  forEachKey(*keys, *branch, budget, [&](std::string_view key) {
+  forEachKey(*keys, *branch, budget, nullptr, [&](std::string_view key, const Object*) {
     const Object child = branch->objectForKey(key);
     if (child.isNil()) return;
     if (const Dictionary* d = child.asDictionary(); d != nullptr && d->empty()) return;
@@ -191,7 +216,7 @@ void mergeDictionaryAt(const Object& source, const Object& target, std::size_t d
 // at every key: two dictionaries merge, anything else replaces what was there. The result is the same.
 
 // The mutable dictionary under `key` in `parent`, made (or copied from an immutable one) when needed.
-Object mutableChild(Dictionary& parent, std::string_view key) {
+Object mutableChild(Dictionary& parent, const Object& key) {
   Object existing = parent.objectForKey(key);
   if (existing.isMutableDictionary()) return existing;
   Object child = existing.isDictionary() ? existing.mutableCopy() : Object::mutableDictionary();
@@ -200,7 +225,7 @@ Object mutableChild(Dictionary& parent, std::string_view key) {
 }
 
 // Deep-merges a freshly read dictionary under `key`.
-void mergeUnder(Dictionary& parent, std::string_view key, Object value) {
+void mergeUnder(Dictionary& parent, const Object& key, Object value) {
   const Object existing = parent.objectForKey(key);
   if (!existing.isDictionary()) {
     parent.setObject(std::move(value), key);
@@ -209,46 +234,55 @@ void mergeUnder(Dictionary& parent, std::string_view key, Object value) {
   mergeDictionaryAt(value, mutableChild(parent, key), 0);
 }
 
+// One read of several paths: its budget and the key objects it writes.
+struct ReadWalk {
+  StepBudget& budget;
+  KeyObjects keys;
+};
+
 void readBranchInto(Dictionary& out, const Dictionary& branch, const BrivetPathProtocol* path, const Object& root,
-                    std::size_t references, StepBudget& budget);
+                    std::size_t references, ReadWalk& walk);
 
 // Merges what reading `node` along `path` yields under `key` (a read that yields nothing leaves it alone).
-void readUnder(Dictionary& parent, std::string_view key, const Object& node, const BrivetPathProtocol* path,
-               const Object& root, std::size_t references, StepBudget& budget) {
+void readUnder(Dictionary& parent, const Object& key, const Object& node, const BrivetPathProtocol* path,
+               const Object& root, std::size_t references, ReadWalk& walk) {
   if (isLeafNode(node)) {
     mergeUnder(parent, key, leafPayload(node));
     return;
   }
   if (const BrivetPathReference* reference = BrivetPathReference::cast(node)) {
     if (path == nullptr || path->pathCount() == 0) return;
-    const Object target =
-        references < kMaxReferencesPerPath && budget.spend(1) ? reference->hardReference() : Object();
+    // A reference refused at the chain bound is a step too, so that a read fanning out past that bound still
+    // spends its budget at every node it writes.
+    const bool followed = walk.budget.spend(1) && references < kMaxReferencesPerPath;
+    const Object target = followed ? reference->hardReference() : Object();
     if (target.isNil()) {
       mergeUnder(parent, key, Object::mutableDictionary());
     } else {
-      readUnder(parent, key, target, path, root, references + 1, budget);
+      readUnder(parent, key, target, path, root, references + 1, walk);
     }
     return;
   }
   const Object child = mutableChild(parent, key);
   if (const Dictionary* branch = node.asDictionary()) {
-    readBranchInto(*child.asMutableDictionary(), *branch, path, root, references, budget);
+    readBranchInto(*child.asMutableDictionary(), *branch, path, root, references, walk);
   }
 }
 
 void readBranchInto(Dictionary& out, const Dictionary& branch, const BrivetPathProtocol* path, const Object& root,
-                    std::size_t references, StepBudget& budget) {
+                    std::size_t references, ReadWalk& walk) {
   const BrivetKeySet* keys = path != nullptr ? path->firstPathKeySet() : nullptr;
   if (keys == nullptr) return;
   const BrivetPathProtocol* next = path->nextPath();
-  forEachKey(*keys, branch, budget, [&](std::string_view key) {
+  forEachKey(*keys, branch, walk.budget, &walk.keys, [&](std::string_view key, const Object* shared) {
     const Object child = branch.objectForKey(key);
     if (child.isNil()) return;
     if (const Dictionary* d = child.asDictionary(); d != nullptr && d->empty()) return;
+    const Object keyObject = shared != nullptr ? *shared : Object(key);
     if (child.isDictionary() || isPathReference(child)) {
-      readUnder(out, key, child, next, root, references, budget);
+      readUnder(out, keyObject, child, next, root, references, walk);
     } else {
-      out.setObject(child, key);
+      out.setObject(child, keyObject);
     }
   });
 }
@@ -310,12 +344,13 @@ Object getJSON(const Object& node, const BrivetPathProtocol* path, const Object&
 
 Object getJSONForPaths(const Object& root, std::span<const BrivetPathProtocol* const> paths, bool* exceeded) {
   StepBudget budget(walkBudget(paths));
+  ReadWalk walk{budget, {}};
   Object result = Object::mutableDictionary();
   Dictionary& out = *result.asMutableDictionary();
   for (const BrivetPathProtocol* path : paths) {
     if (budget.exhausted()) break;
     if (const Dictionary* branch = root.asDictionary(); branch != nullptr && !isLeafNode(root)) {
-      readBranchInto(out, *branch, path, root, 0, budget);
+      readBranchInto(out, *branch, path, root, 0, walk);
     } else {
       mergeDictionaryAt(getJSONAt(root, path, root, 0, budget), result, 0);  // a leaf or a reference as the root
     }
