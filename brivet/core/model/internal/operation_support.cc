@@ -78,6 +78,14 @@ Read readCache(const CacheProtocol& cache, const PathTree& tree, bool checkExpir
   return toRead(cache.getValues(tree, checkExpiry));
 }
 
+bool earlierWritesApplied() {
+  return cacheQueue()->syncIfIdle([] {});
+}
+
+Read readCacheNow(const CacheProtocol& cache, const PathTree& tree, bool checkExpiry) {
+  return toRead(cache.getValues(tree, checkExpiry));
+}
+
 CacheEnvelope snapshotCache(const CacheProtocol& cache, const std::optional<PathTree>& tree) {
   // The graph and the version come from one published state, so they belong together.
   awaitEarlierWrites();
