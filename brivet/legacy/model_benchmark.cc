@@ -2,6 +2,8 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include <cstdio>
+
 #include "brivet/legacy/model.h"
 #include "brivet/testing/catalogue.h"
 
@@ -113,20 +115,38 @@ void BM_LegacySnapshotRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(BM_LegacySnapshotRoundTrip)->Arg(100000)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
-// Heap bytes the cache holds per cached leaf, for M + N videos (the model adopts the merged objects).
+std::size_t residentBytes() {
+  long pages = 0;
+  long resident = 0;
+  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    std::fclose(f);
+  }
+  return static_cast<std::size_t>(resident) * 4096;
+}
+
+// Memory the cache holds per cached leaf, for M + N videos (the model adopts the merged objects): heap bytes in
+// use (bytes_per_leaf) and the growth of the resident set after malloc_trim (rss_B/leaf).
 void BM_LegacyMemoryPerLeaf(benchmark::State& state) {
   const auto videos = static_cast<std::size_t>(state.range(0));
+  const auto leaves = static_cast<double>(videos * kFields);
   double perLeafBytes = 0;
+  double perLeafResident = 0;
   for (auto _ : state) {
+    malloc_trim(0);
     const std::size_t before = mallinfo2().uordblks;
+    const std::size_t residentBefore = residentBytes();
     auto model = modelWithVideos(0, videos);
     const std::size_t after = mallinfo2().uordblks;
-    perLeafBytes = static_cast<double>(after - before) / static_cast<double>(videos * kFields);
+    malloc_trim(0);
+    perLeafBytes = static_cast<double>(after - before) / leaves;
+    perLeafResident = (static_cast<double>(residentBytes()) - static_cast<double>(residentBefore)) / leaves;
     state.PauseTiming();
     model.reset();
     state.ResumeTiming();
   }
   state.counters["bytes_per_leaf"] = perLeafBytes;
+  state.counters["rss_B/leaf"] = perLeafResident;
 }
 BENCHMARK(BM_LegacyMemoryPerLeaf)->Arg(101000)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 

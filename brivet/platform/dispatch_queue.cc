@@ -258,6 +258,23 @@ void DispatchQueue::syncImpl(void (*call)(void*), void* context, bool barrier) {
   finish(exclusive);
 }
 
+bool DispatchQueue::syncIfIdleImpl(void (*call)(void*), void* context) {
+  if (kind_ == Kind::Main || isCurrent()) return false;
+  const bool exclusive = kind_ == Kind::Serial;
+  {
+    MutexLock lock(mu_);
+    if (!pending_.empty() || exclusiveActive_ || (exclusive && active_ > 0)) return false;
+    ++active_;
+    if (exclusive) exclusiveActive_ = true;
+  }
+  {
+    CurrentQueueScope scope(this);
+    call(context);
+  }
+  finish(exclusive);
+  return true;
+}
+
 // --- Main queue ---
 
 void DispatchQueue::setMainExecutor(std::shared_ptr<MainQueueExecutor> executor) {

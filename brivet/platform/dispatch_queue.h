@@ -97,6 +97,18 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   void syncBarrier(F&& block) {
     syncImpl(&invoke<std::remove_reference_t<F>>, static_cast<void*>(std::addressof(block)), true);
   }
+  // Runs the block on the calling thread, as `sync` would, when the queue can
+  // start it at once: nothing is waiting on the queue and nothing running
+  // excludes it (a serial queue is idle; a concurrent queue runs no barrier).
+  // Otherwise it neither runs nor queues the block and answers false. It never
+  // waits, so it suits a caller that must not block (an app's UI thread), and
+  // it keeps the queue's order: what was queued before has finished, and what
+  // is queued while the block runs starts after it. Answers false on the main
+  // queue and on a queue the caller is already running on.
+  template <class F>
+  [[nodiscard]] bool syncIfIdle(F&& block) {
+    return syncIfIdleImpl(&invoke<std::remove_reference_t<F>>, static_cast<void*>(std::addressof(block)));
+  }
 
   // Whether the calling thread is running a block of this queue.
   bool isCurrent() const;
@@ -124,6 +136,7 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
     (*static_cast<F*>(f))();
   }
   void syncImpl(void (*call)(void*), void* context, bool barrier);
+  bool syncIfIdleImpl(void (*call)(void*), void* context);
   void enqueue(Item item);
   void pumpLocked() BRIVET_REQUIRES(mu_);
   void runOnWorker(Block& block, bool exclusive);

@@ -113,6 +113,65 @@ TEST(DispatchQueueTest, SyncReportsWhereItRuns) {
   EXPECT_FALSE(serial->isCurrent());
 }
 
+TEST(DispatchQueueTest, SyncIfIdleRunsOnlyWhenNothingHoldsTheQueue) {
+  auto serial = DispatchQueue::serial("test.idle");
+  const std::thread::id caller = std::this_thread::get_id();
+  bool ranHere = false;
+  EXPECT_TRUE(serial->syncIfIdle([&] { ranHere = serial->isCurrent() && std::this_thread::get_id() == caller; }));
+  EXPECT_TRUE(ranHere);
+
+  // A running block makes the queue busy: nothing runs, nothing is queued.
+  std::atomic<bool> release{false};
+  std::atomic<bool> started{false};
+  serial->async([&] {
+    started = true;
+    while (!release) std::this_thread::yield();
+  });
+  while (!started) std::this_thread::yield();
+  bool ran = false;
+  EXPECT_FALSE(serial->syncIfIdle([&] { ran = true; }));
+  release = true;
+  serial->sync([] {});
+  EXPECT_FALSE(ran);
+
+  // Nested on the queue it runs on, and on the main queue: never.
+  serial->sync([&] { EXPECT_FALSE(serial->syncIfIdle([&] { ran = true; })); });
+  EXPECT_FALSE(DispatchQueue::main()->syncIfIdle([&] { ran = true; }));
+  EXPECT_FALSE(ran);
+}
+
+TEST(DispatchQueueTest, SyncIfIdleHoldsBackWhatIsQueuedWhileItRuns) {
+  auto serial = DispatchQueue::serial("test.idle.order");
+  std::vector<int> order;  // touched by one block at a time
+  std::atomic<bool> queued{false};
+  ASSERT_TRUE(serial->syncIfIdle([&] {
+    std::thread([&] {
+      serial->async([&] { order.push_back(2); });
+      queued = true;
+    }).join();
+    order.push_back(1);
+  }));
+  ASSERT_TRUE(queued);
+  serial->sync([] {});
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+
+  // A concurrent queue admits it beside readers, not beside a barrier.
+  auto concurrent = DispatchQueue::concurrent("test.idle.concurrent");
+  concurrent->sync([&] {
+    std::thread([&] { EXPECT_TRUE(concurrent->syncIfIdle([] {})); }).join();
+  });
+  std::atomic<bool> release{false};
+  std::atomic<bool> started{false};
+  concurrent->asyncBarrier([&] {
+    started = true;
+    while (!release) std::this_thread::yield();
+  });
+  while (!started) std::this_thread::yield();
+  EXPECT_FALSE(concurrent->syncIfIdle([] {}));
+  release = true;
+  concurrent->syncBarrier([] {});
+}
+
 TEST(DispatchQueueTest, QueueOutlivesItsOwnerWhileItHasWork) {
   std::atomic<int> ran{0};
   {

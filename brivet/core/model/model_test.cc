@@ -138,6 +138,28 @@ TEST_F(TovModelTest, CachedPathsCompleteWithoutARequest) {
   EXPECT_EQ(client_->requestCount(), 0u);
 }
 
+TEST_F(TovModelTest, ACachedGetIsAnsweredInOneCrossingAndSeesEarlierWrites) {
+  settle();
+  // Both queues idle: a block that has run may still be finishing on its worker.
+  model_->internalModel().operationQueue()->sync([] {});
+  cacheQueue()->syncBarrier([] {});
+  Events events;
+  auto subscription = subscribe(model_->getWithKeyPaths({"videos.v0.year"})->asStream(), events);
+  EXPECT_TRUE(events.order.empty());  // never inside subscribe
+  EXPECT_EQ(DispatchQueue::main()->drain(), 1u);
+  EXPECT_EQ(events.order, (std::vector<std::string>{"progress", "complete"}));
+
+  // A write still on its way is seen by a get subscribed after it.
+  for (int i = 0; i < 20; ++i) {
+    model_->internalModel().cache()->merge(
+        JSONGraph::fromAny(json((R"({"videos": {"v0": {"year": )" + std::to_string(2000 + i) + "}}}").c_str())));
+    Events after = get({"videos.v0.year"});
+    ASSERT_EQ(after.order, (std::vector<std::string>{"progress", "complete"}));
+    EXPECT_TRUE(equalsJSON(after.progress[0], ("{\"videos\": {\"v0\": {\"year\": " + std::to_string(2000 + i) + "}}}").c_str()));
+  }
+  EXPECT_EQ(client_->requestCount(), 0u);
+}
+
 TEST_F(TovModelTest, ACachedErrorFailsAfterTheValue) {
   model_ = makeModel(R"({"videos": {"v0": {"title": {"$type": "error", "value": {"message": "gone"}}}}})");
   Events events = get({"videos.v0.title"});

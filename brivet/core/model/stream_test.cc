@@ -6,6 +6,7 @@
 #include <chrono>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "brivet/core/model/tov_stream.h"
@@ -155,6 +156,77 @@ TEST_F(StreamTest, TaskRunsOnTheProcessWideTaskQueue) {
   const std::string prefix = std::string(kReverseDomain) + ".task.queue.";
   EXPECT_EQ(taskQueue()->label().rfind(prefix, 0), 0u);
   EXPECT_EQ(taskQueue()->label().size(), prefix.size() + 36);
+}
+
+TEST_F(StreamTest, AQuickTaskFinishesOnTheCallersThreadInOneCrossing) {
+  auto queue = DispatchQueue::serial("test.quick");
+  bool quickOnQueue = false;
+  std::atomic<bool> fullTaskRan{false};
+  auto stream = IntStream::create([&](IntStream::Observer) { fullTaskRan = true; }, [this] { ++cancels_; },
+                                  false, DispatchQueue::main(), queue, [&](const IntStream::Observer& observer) {
+                                    quickOnQueue = queue->isCurrent();
+                                    observer(BrivetResult<int>::progress(1));
+                                    observer(BrivetResult<int>::complete());
+                                    return true;
+                                  });
+  stream->subscribe(recorder());
+  EXPECT_TRUE(quickOnQueue);
+  EXPECT_TRUE(events_.empty());  // never inside subscribe
+  EXPECT_EQ(DispatchQueue::main()->drain(), 1u);
+  EXPECT_EQ(events_, (std::vector<std::string>{"PROGRESS: <value>", "COMPLETE"}));
+  EXPECT_EQ(cancels_, 1);
+  queue->sync([] {});
+  EXPECT_FALSE(fullTaskRan);
+}
+
+TEST_F(StreamTest, ADeclinedOrBlockedQuickTaskLeavesTheRunToTheTaskQueue) {
+  auto queue = DispatchQueue::serial("test.quick.declined");
+  std::atomic<int> quickCalls{0};
+  std::atomic<bool> quickAnswer{false};
+  auto makeStream = [&] {
+    return IntStream::create(
+        [&](IntStream::Observer observer) {
+          EXPECT_TRUE(queue->isCurrent());
+          observer(BrivetResult<int>::complete());
+        },
+        nullptr, false, DispatchQueue::main(), queue, [&](const IntStream::Observer&) {
+          ++quickCalls;
+          return quickAnswer.load();
+        });
+  };
+  makeStream()->subscribe(recorder());
+  ASSERT_TRUE(waitFor([&] { return events_.size() == 1; }));
+  EXPECT_EQ(quickCalls, 1);
+
+  // While a block holds the queue the quick task is not tried: it would run out of order.
+  std::atomic<bool> release{false};
+  queue->async([&] {
+    while (!release) std::this_thread::yield();
+  });
+  quickAnswer = true;
+  makeStream()->subscribe(recorder());
+  release = true;
+  ASSERT_TRUE(waitFor([&] { return events_.size() == 2; }));
+  EXPECT_EQ(quickCalls, 1);
+}
+
+TEST_F(StreamTest, EventsKeepTheirOrderWhileTheyAreDelivered) {
+  constexpr int kEvents = 2000;
+  auto stream = IntStream::create(
+      [](IntStream::Observer observer) {  // on the task queue, while the main queue drains
+        for (int i = 0; i < kEvents; ++i) observer(BrivetResult<int>::progress(i));
+        observer(BrivetResult<int>::complete());
+      },
+      nullptr);
+  std::vector<int> seen;
+  bool completed = false;
+  stream->subscribe([&](const BrivetResult<int>& r) {
+    if (const int* v = r.value()) seen.push_back(*v);
+    if (r.isComplete()) completed = true;
+  });
+  ASSERT_TRUE(waitFor([&] { return completed; }));
+  ASSERT_EQ(seen.size(), static_cast<std::size_t>(kEvents));
+  for (int i = 0; i < kEvents; ++i) ASSERT_EQ(seen[static_cast<std::size_t>(i)], i);
 }
 
 TEST_F(StreamTest, ResultDescriptions) {

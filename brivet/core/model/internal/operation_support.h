@@ -73,6 +73,11 @@ struct Read {
 // Reads the cache once every write requested before it has been applied, so
 // the read sees them all; the walk itself holds no queue.
 Read readCache(const CacheProtocol& cache, const PathTree& tree, bool checkExpiry);
+// Without waiting: whether every cache write requested so far has been
+// applied (no barrier queued or running on the cache queue).
+bool earlierWritesApplied();
+// Reads the cache as it is; for a caller that checked `earlierWritesApplied`.
+Read readCacheNow(const CacheProtocol& cache, const PathTree& tree, bool checkExpiry);
 // A snapshot taken the same way; graph and version come from one state.
 CacheEnvelope snapshotCache(const CacheProtocol& cache, const std::optional<PathTree>& tree);
 // Reads a stand-alone graph (a response), expiry not consulted.
