@@ -108,12 +108,9 @@ void Run::finishFromCache(const std::optional<BrivetError>& error) const {
   }
 }
 
-// The intervals close before the terminal event goes out: the subscriber may
-// act on it at once (write the trace out, end the process), and its delivery
-// on the observe queue can come before this thread's next step.
 void Run::complete() const {
-  endInterval(streamLog(), streamID_, "status=%@", "Complete");
   observer_(BrivetResult<JSONEnvelope>::complete());
+  endInterval(streamLog(), streamID_, "status=%@", "Complete");
 }
 
 void Run::beginDataSource(std::string_view method, const std::string& path) {
@@ -134,16 +131,16 @@ void Run::dataSourceCompleted() const {
     fail("dataSource failure: ", *accumulated_, /*closeDataSource=*/true);
     return;
   }
+  observer_(BrivetResult<JSONEnvelope>::complete());
   endInterval(dataSourceLog(), dataSourceID_, "status=%@", "Complete");
   endInterval(streamLog(), streamID_, "status=%@", "Complete");
-  observer_(BrivetResult<JSONEnvelope>::complete());
 }
 
 void Run::fail(const std::string& logPrefix, const StreamError& error, bool closeDataSource) const {
   model_.logError(logPrefix + error.text());
+  observer_(BrivetResult<JSONEnvelope>::failure(error));
   if (closeDataSource) endInterval(dataSourceLog(), dataSourceID_, "status=%@", "Error");
   endInterval(streamLog(), streamID_, "status=%@", "Error");
-  observer_(BrivetResult<JSONEnvelope>::failure(error));
 }
 
 }  // namespace brivet::internal
