@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "brivet/core/model/internal/operation_support.h"
+#include "brivet/core/model/internal/retry.h"
 #include "brivet/core/model/internal/subscription_slot.h"
 #include "brivet/core/model/operations.h"
 
@@ -62,11 +63,10 @@ void runSet(const SetOperation& operation, std::uint64_t streamID,
     }
   }
   run->written = std::move(read.value);
-  run->beginDataSource("set", run->paths);
-  std::shared_ptr<Stream<DataSourceResponse>> responses =
-      model.dataSource()->set(operation.jsonGraph())->observeOn(model.operationQueue());
-  slot->store(
-      responses->subscribe([run](const BrivetResult<DataSourceResponse>& result) { handleResponse(*run, result); }));
+  internal::sendRequest<DataSourceResponse>(
+      run, slot, "set", run->paths,
+      [dataSource = model.dataSource(), graph = operation.jsonGraph()] { return dataSource->set(graph); },
+      [run](const BrivetResult<DataSourceResponse>& result) { handleResponse(*run, result); });
 }
 
 }  // namespace
