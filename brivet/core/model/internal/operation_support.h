@@ -71,6 +71,8 @@ struct Read {
   PathTree missingOptimized;
   std::optional<BrivetError> error;
 };
+// Waits until every cache write requested before it has been applied.
+void awaitEarlierWrites();
 // Reads the cache once every write requested before it has been applied, so
 // the read sees them all; the walk itself holds no queue.
 Read readCache(const CacheProtocol& cache, const PathTree& tree, bool checkExpiry);
