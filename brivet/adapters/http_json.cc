@@ -54,7 +54,8 @@ Result<Object> decodeJSONAnswer(const Result<HTTPResponse, HTTPTransportError>& 
   Result<Object> document = parseJSON(response.body, options);
   if (response.statusCode >= 400) {
     const Object body = document.ok() ? document.value() : Object(response.body);
-    return httpFailure(response.statusCode, body);
+    return httpFailure(response.statusCode, body,
+                       response.retryAfterSeconds > 0 ? Object(response.retryAfterSeconds) : Object());
   }
   if (!document.ok()) {
     return httpError(HTTPErrorCode::NotJSON,

@@ -190,6 +190,11 @@ struct HTTPTransport::Loop : std::enable_shared_from_this<HTTPTransport::Loop> {
       char* location = nullptr;
       curl_easy_getinfo(transfer.easy, CURLINFO_REDIRECT_URL, &location);
       if (location != nullptr) response.location = location;
+      // libcurl reads both forms of the header (seconds or a date) into seconds from now; 0 when absent.
+      curl_off_t retryAfter = 0;
+      if (curl_easy_getinfo(transfer.easy, CURLINFO_RETRY_AFTER, &retryAfter) == CURLE_OK && retryAfter > 0) {
+        response.retryAfterSeconds = static_cast<std::int64_t>(retryAfter);
+      }
       response.body = std::move(transfer.body);
       return response;
     }

@@ -21,6 +21,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -49,6 +50,7 @@ struct HTTPResponse {
   std::string body;
   std::string contentType;  // as the server sent it, possibly empty
   std::string location;     // a redirect's target, when it was not followed
+  std::int64_t retryAfterSeconds = 0;  // the Retry-After header in seconds from now; 0 when absent or unreadable
 };
 
 struct HTTPTransportError {

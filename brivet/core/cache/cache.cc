@@ -187,6 +187,9 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
   void invalidate(PathTree pathTree) override {
     write([tree = std::move(pathTree)](CacheImpl& cache) { cache.applyInvalidation(tree); });
   }
+  void restore(std::vector<NodeRestore> restores) override {
+    write([restores = std::move(restores)](CacheImpl& cache) { cache.applyRestores(restores); });
+  }
   void setCache(CacheEnvelope envelope) override {
     BRIVET_PRECONDITION(envelope.version <= kMaxCacheVersion, "cache version above kMaxCacheVersion");
     write([envelope = std::move(envelope)](CacheImpl& cache) { cache.publish(envelope.jsonGraph, envelope.version); });
@@ -256,6 +259,18 @@ class CacheImpl final : public Cache, public std::enable_shared_from_this<CacheI
     replaceIfChanged(SlotRef(internal::mergeGraph(internal::slot(incoming), internal::slot(state->graph))));
   }
 
+  void applyRestores(const std::vector<NodeRestore>& restores) {
+    for (const NodeRestore& restore : restores) {
+      const JSONGraph graph = current()->graph;
+      const std::optional<JSONGraph> now = nodeAt(graph, restore.path);
+      if (!now || !(*now == restore.written)) continue;  // newer than the write being undone: kept
+      // Removed first, so that the merge's timestamp rule cannot keep the node being undone.
+      replaceIfChanged(SlotRef(internal::invalidateGraph(
+          internal::slot(graph), PathTree::fromGraph(graphWithNodeAt(restore.path, JSONGraphLeaf::undefined())))));
+      if (restore.previous) applyMerge(graphWithNodeAt(restore.path, *restore.previous));
+    }
+  }
+
   void applyInvalidation(const PathTree& tree) {
     // First what the references on the way lead to, then the requested entries themselves.
     const std::vector<Path> refPaths = internal::referencePaths(internal::slot(current()->graph), tree.paths());
@@ -282,6 +297,45 @@ std::shared_ptr<Cache> Cache::create(std::optional<JSONGraph> jsonGraph,
                                      std::optional<std::vector<std::string>> optimizedPaths) {
   return std::make_shared<CacheImpl>(jsonGraph ? std::move(*jsonGraph) : JSONGraph::emptyObject(), toSet(prefixes),
                                      toSet(optimizedPaths));
+}
+
+std::optional<JSONGraph> nodeAt(const JSONGraph& graph, const std::vector<std::string>& path) {
+  std::optional<JSONGraph> node = graph;
+  for (const std::string& key : path) {
+    if (node->isObject()) {
+      node = node->find(key);
+    } else if (node->isArray()) {
+      // An array element is named by its index in decimal; anything else names nothing.
+      if (key.empty() || key.size() > 9 || key.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+      }
+      std::size_t index = 0;
+      for (char c : key) index = index * 10 + static_cast<std::size_t>(c - '0');
+      node = node->at(index);
+    } else {
+      return std::nullopt;
+    }
+    if (!node) return std::nullopt;
+  }
+  return node;
+}
+
+JSONGraph graphWithNodeAt(const std::vector<std::string>& path, JSONGraph node) {
+  for (auto key = path.rbegin(); key != path.rend(); ++key) {
+    std::vector<std::pair<std::string, JSONGraph>> entries;
+    entries.emplace_back(*key, std::move(node));
+    node = JSONGraph::object(std::move(entries));
+  }
+  return node;
+}
+
+void CacheProtocol::restore(std::vector<NodeRestore> restores) {
+  for (NodeRestore& restore : restores) {
+    const std::optional<JSONGraph> now = nodeAt(jsonGraph(), restore.path);
+    if (!now || !(*now == restore.written)) continue;
+    invalidate(PathTree::fromGraph(graphWithNodeAt(restore.path, JSONGraphLeaf::undefined())));
+    if (restore.previous) merge(graphWithNodeAt(restore.path, std::move(*restore.previous)));
+  }
 }
 
 }  // namespace brivet

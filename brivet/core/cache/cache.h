@@ -125,10 +125,27 @@ class CacheProtocol {
 
   virtual void merge(JSONGraph jsonGraph) = 0;
   virtual void invalidate(PathTree pathTree) = 0;
+  // Undoes an earlier write node by node: for each entry, when the graph still
+  // holds `written` at `path` (one literal key per level, references not
+  // followed), that node becomes `previous` again, or is removed when there was
+  // none; where something else has been written since, the entry is skipped.
+  // A write like `merge`. The default does the same through `jsonGraph`,
+  // `invalidate` and `merge`, without being atomic; `Cache` does it as one write.
+  struct NodeRestore {
+    std::vector<std::string> path;
+    JSONGraph written;
+    std::optional<JSONGraph> previous;
+  };
+  virtual void restore(std::vector<NodeRestore> restores);
   // Precondition: `envelope.version` <= kMaxCacheVersion (the snapshot readers
   // give no other).
   virtual void setCache(CacheEnvelope envelope) = 0;
 };
+
+// The node at `path` (one literal key per level, references not followed), if any.
+std::optional<JSONGraph> nodeAt(const JSONGraph& graph, const std::vector<std::string>& path);
+// A graph of objects holding `node` at `path`.
+JSONGraph graphWithNodeAt(const std::vector<std::string>& path, JSONGraph node);
 
 // The same value read as `CacheProtocol::getValues`, over a stand-alone graph
 // (a response that is not merged into any cache).

@@ -17,7 +17,9 @@
 // How a client reports a failed HTTP request: its stream fails with a platform
 // `Error` whose user info holds the HTTP status under `kHTTPStatusCodeKey`
 // ("statusCode") and the error body (a dictionary when the body was JSON)
-// under `kHTTPErrorBodyKey` ("errorBody"); `httpFailure` builds one. The data
+// under `kHTTPErrorBodyKey` ("errorBody"), and the server's Retry-After (its
+// text, or a number of seconds) under `kHTTPRetryAfterKey` ("retryAfter") when
+// it sent one; `httpFailure` builds one. The data
 // source turns it into a `BrivetError` (see http_data_source.h).
 //
 // Ownership: data sources are shared (`std::shared_ptr`); clients and logging
@@ -45,12 +47,13 @@ namespace brivet {
 // The user-info keys of an HTTP failure.
 inline constexpr std::string_view kHTTPStatusCodeKey = "statusCode";
 inline constexpr std::string_view kHTTPErrorBodyKey = "errorBody";
+inline constexpr std::string_view kHTTPRetryAfterKey = "retryAfter";
 // The domain of the HTTP failures the library's own clients report: the
 // library's identifier followed by ".HTTP".
 const std::string& httpErrorDomain();
 // An HTTP failure: domain `httpErrorDomain()`, code = status, the status and
-// (when not nil) the body in the user info.
-Error httpFailure(std::int64_t statusCode, Object errorBody = Object());
+// (when not nil) the body and the Retry-After in the user info.
+Error httpFailure(std::int64_t statusCode, Object errorBody = Object(), Object retryAfter = Object());
 
 struct DataSourceResponse {
   JSONGraph jsonGraph;

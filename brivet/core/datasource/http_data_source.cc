@@ -143,11 +143,14 @@ StreamError HTTPDataSource::failureFromClient(const StreamError& error) {
   const Error* platformError = error.platformError();
   if (platformError == nullptr || !platformError->userInfo().isDictionary()) return error;
   const Object& userInfo = platformError->userInfo();
+  const Number* status = userInfo[kHTTPStatusCodeKey].asNumber();
   if (std::optional<DataSourceFailureReason> reason =
           DataSourceFailureReason::fromErrorBody(userInfo[kHTTPErrorBodyKey])) {
+    // The status stays with the reason so that a retry can tell a 503 from a 400.
+    if (status != nullptr) *reason = std::move(*reason).withHTTPFailure(status->int64Value(), userInfo);
     return BrivetError::responseDataSourceFailed(std::move(*reason));
   }
-  if (const Number* status = userInfo[kHTTPStatusCodeKey].asNumber()) {
+  if (status != nullptr) {
     return BrivetError::responseDataSourceFailed(
         DataSourceFailureReason::httpClientError(status->int64Value(), userInfo));
   }

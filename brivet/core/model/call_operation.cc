@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "brivet/core/model/internal/operation_support.h"
+#include "brivet/core/model/internal/retry.h"
 #include "brivet/core/model/internal/subscription_slot.h"
 #include "brivet/core/model/operations.h"
 #include "brivet/platform/signpost.h"
@@ -60,12 +61,12 @@ void runCall(const CallOperation& operation, std::uint64_t streamID,
     run->complete();
     return;
   }
-  run->beginDataSource("call", run->functionPath);
-  std::shared_ptr<Stream<DataSourceCallResponse>> responses =
-      dataSource->call(operation.path(), operation.args(), operation.refSuffixes(), operation.thisPaths())
-          ->observeOn(operation.model().operationQueue());
-  slot->store(responses->subscribe(
-      [run](const BrivetResult<DataSourceCallResponse>& result) { handleResponse(*run, result); }));
+  internal::sendRequest<DataSourceCallResponse>(
+      run, slot, "call", run->functionPath,
+      [dataSource, operation] {
+        return dataSource->call(operation.path(), operation.args(), operation.refSuffixes(), operation.thisPaths());
+      },
+      [run](const BrivetResult<DataSourceCallResponse>& result) { handleResponse(*run, result); });
 }
 
 }  // namespace

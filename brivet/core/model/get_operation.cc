@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "brivet/core/model/internal/operation_support.h"
+#include "brivet/core/model/internal/retry.h"
 #include "brivet/core/model/internal/subscription_slot.h"
 #include "brivet/core/model/operations.h"
 
@@ -75,11 +76,12 @@ void runGet(const GetOperation& operation, std::uint64_t streamID,
   // A read error is not reported when a request follows: the answer replaces what the cache held.
   run->cached = std::move(read.value);
   run->requested = internal::tracedKeyPaths(missingOptimized);
-  run->beginDataSource("get", run->requested);
-  std::shared_ptr<Stream<DataSourceResponse>> responses =
-      model.dataSource()->get(missingOptimized)->observeOn(model.operationQueue());
-  slot->store(
-      responses->subscribe([run](const BrivetResult<DataSourceResponse>& result) { handleResponse(*run, result); }));
+  internal::sendRequest<DataSourceResponse>(
+      run, slot, "get", run->requested,
+      [dataSource = model.dataSource(), missingOptimized = std::move(missingOptimized)] {
+        return dataSource->get(missingOptimized);
+      },
+      [run](const BrivetResult<DataSourceResponse>& result) { handleResponse(*run, result); });
 }
 
 // The quick part of a get, on the subscriber's thread while the model's

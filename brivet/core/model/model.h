@@ -3,8 +3,11 @@
 //
 // `InternalModel` is a plain value: the cache (shared by reference with every
 // copy and every operation made from it), an optional data source (none means
-// cache-only), a retry count (carried, never used: an operation makes one
-// request per subscription) and a weak `LoggingDelegate`. `Model` is the
+// cache-only), a retry count with the policy that times the retries, and a
+// weak `LoggingDelegate`. With `maxRetries` 0 (what the factory builds) an
+// operation makes one request per subscription; `withRetries` gives a copy
+// whose operations repeat a request that failed for a passing reason (see
+// internal/retry.h for which reasons, and retry_policy.h for the waits). `Model` is the
 // protocol it implements; its operations (`get`, `set`, `call`, defined in
 // operations.h) are immutable values turned into cold streams by `asStream`,
 // and `getCache` takes a consistent snapshot.
@@ -35,6 +38,7 @@
 #include "brivet/core/values/json_graph.h"
 #include "brivet/core/values/path_tree.h"
 #include "brivet/platform/dispatch_queue.h"
+#include "brivet/platform/retry_policy.h"
 
 namespace brivet {
 
@@ -61,6 +65,7 @@ class Model {
   virtual const std::shared_ptr<CacheProtocol>& cache() const = 0;
   virtual const std::shared_ptr<DataSource>& dataSource() const = 0;  // nullptr: cache only
   virtual std::int64_t maxRetries() const = 0;
+  virtual const RetryPolicy& retryPolicy() const = 0;
   virtual std::shared_ptr<LoggingDelegate> loggingDelegate() const = 0;
   // The serial queue this model's operations run on (labelled like `taskQueue()`).
   virtual const std::shared_ptr<DispatchQueue>& operationQueue() const = 0;
@@ -75,6 +80,11 @@ class Model {
   // The whole cache (no tree) or the part the tree reaches, with the version,
   // taken beside other readers but never beside a write.
   CacheEnvelope getCache(const std::optional<PathTree>& pathTree = std::nullopt) const;
+  // A model over the same cache, data source, delegate and queue whose get, set
+  // and call repeat a request that failed for a passing reason (a connection
+  // failure, a time-out, a 5xx or 429 answer) up to `maxRetries` times, waiting
+  // as `policy` says. 0 or less: one request, as the factory's models make.
+  std::shared_ptr<Model> withRetries(std::int64_t maxRetries, RetryPolicy policy = {}) const;
 
  protected:
   Model() = default;
@@ -90,16 +100,18 @@ class InternalModel final : public Model {
   // Precondition: `cache` is not null. Without an `operationQueue` the model makes its own.
   explicit InternalModel(std::shared_ptr<CacheProtocol> cache, std::shared_ptr<DataSource> dataSource = nullptr,
                          std::int64_t maxRetries = 0, std::weak_ptr<LoggingDelegate> loggingDelegate = {},
-                         std::shared_ptr<DispatchQueue> operationQueue = nullptr);
+                         std::shared_ptr<DispatchQueue> operationQueue = nullptr, RetryPolicy retryPolicy = {});
 
   const std::shared_ptr<CacheProtocol>& cache() const override { return cache_; }
   const std::shared_ptr<DataSource>& dataSource() const override { return dataSource_; }
   std::int64_t maxRetries() const override { return maxRetries_; }
+  const RetryPolicy& retryPolicy() const override { return retryPolicy_; }
   std::shared_ptr<LoggingDelegate> loggingDelegate() const override { return loggingDelegate_.lock(); }
   const std::shared_ptr<DispatchQueue>& operationQueue() const override { return operationQueue_; }
 
   // The operations' error lines: to the delegate when it is set and enabled.
   void logError(const std::string& message) const;
+  void logInfo(const std::string& message) const;
 
  private:
   std::shared_ptr<CacheProtocol> cache_;
@@ -107,6 +119,7 @@ class InternalModel final : public Model {
   std::int64_t maxRetries_;
   std::weak_ptr<LoggingDelegate> loggingDelegate_;
   std::shared_ptr<DispatchQueue> operationQueue_;
+  RetryPolicy retryPolicy_;
 };
 
 // The core's factories.

@@ -121,5 +121,32 @@ TEST_F(ModelSignpostTest, SetCallAndSynchronousReadsAreMarkedToo) {
                            }));
 }
 
+TEST_F(ModelSignpostTest, EachAttemptOfARetriedRequestIsItsOwnIntervalUnderTheStream) {
+  int attempts = 0;
+  client_->responder = [&attempts](const testing::Request&) {
+    if (++attempts == 1) return testing::Reply({}, httpFailure(503));
+    return testing::Reply({json(R"({"jsonGraph": {"videos": {"v1": {"title": "Title 1"}}}})")}, std::nullopt);
+  };
+  RetryPolicy policy;
+  policy.baseDelay = std::chrono::milliseconds(1);  // the system timer: a real, short wait
+  auto retrying = model_->withRetries(2, policy);
+  model_ = retrying;
+  run(retrying->getWithKeyPaths({"videos.v1.title"})->asStream());
+  EXPECT_EQ(sink_->take(), (std::vector<std::string>{
+                               "Stream/Stream begin: method=get, progressive=0, refresh=0, path=videos.v1.title",
+                               "Cache/Cache begin: method=get, path=videos.v1.title",
+                               "Cache/Cache end: miss=1",
+                               "DataSource/DataSource begin: method=get, path=videos.v1.title, attempt=1",
+                               "DataSource/DataSource end: status=Error",
+                               "DataSource/DataSource begin: method=get, path=videos.v1.title, attempt=2",
+                               "Cache/Cache begin: method=get, path=videos.v1.title",
+                               "Cache/Cache end: miss=0",
+                               "DataSource/DataSource end: status=Complete",
+                               "Stream/Stream end: status=Complete",
+                           }));
+  EXPECT_EQ(sink_->takeNesting(), (std::vector<std::string>{"Cache in Stream", "DataSource in Stream",
+                                                            "DataSource in Stream", "Cache in Stream"}));
+}
+
 }  // namespace
 }  // namespace brivet

@@ -19,7 +19,13 @@
 //
 // Set: writes its graph into the cache at once, then sends it; each answer is
 // merged and the written paths read back (a progressive set skips an answer
-// that leaves them unchanged). Nothing is rolled back when the request fails.
+// that leaves them unchanged). Nothing is rolled back when the request fails,
+// unless the set was made `withRollback`: then, when the request fails (after
+// any retries), every node the local write changed is put back as it was,
+// except where something newer has been written there since (another set, an
+// answer); the rollback is written before the failure is delivered, so a get
+// issued after the failure reads the old values. An answer merged before the
+// failure counts as newer: what it wrote stays.
 //
 // Call: goes straight to the data source (completes at once without one); each
 // answer's invalidated paths are dropped from the cache, then its graph is
@@ -67,14 +73,17 @@ class GetOperation {
 class SetOperation {
  public:
   // The path tree is the one covering every leaf of `jsonGraph`.
-  SetOperation(InternalModel model, JSONGraph jsonGraph, bool progressive = false);
+  SetOperation(InternalModel model, JSONGraph jsonGraph, bool progressive = false, bool rollbackOnFailure = false);
 
   const InternalModel& model() const { return model_; }
   const JSONGraph& jsonGraph() const { return jsonGraph_; }
   const PathTree& pathTree() const { return pathTree_; }
   bool progressive() const { return progressive_; }
+  bool rollbackOnFailure() const { return rollbackOnFailure_; }
 
   [[nodiscard]] SetOperation progressively() const;
+  // A copy whose local write is undone when the request fails (see above).
+  [[nodiscard]] SetOperation withRollback() const;
   std::shared_ptr<Stream<JSONEnvelope>> asStream() const;
 
  private:
@@ -82,6 +91,7 @@ class SetOperation {
   JSONGraph jsonGraph_;
   PathTree pathTree_;
   bool progressive_;
+  bool rollbackOnFailure_;
 };
 
 class CallOperation {

@@ -95,10 +95,13 @@ std::shared_ptr<TovInternalModel> TovBrivet::createTovModelWithUrl(
 TovInternalModel::TovInternalModel(Passkey, std::shared_ptr<CacheProtocol> cache, std::optional<std::string> url,
                                    std::weak_ptr<TovHTTPClientProtocol> httpClient,
                                    std::weak_ptr<TovLoggingDelegate> loggingDelegate,
-                                   std::shared_ptr<DispatchQueue> operationQueue)
+                                   std::shared_ptr<DispatchQueue> operationQueue, std::int64_t maxRetries,
+                                   RetryPolicy retryPolicy)
     : cache_(std::move(cache)),
       url_(std::move(url)),
       httpClient_(std::move(httpClient)),
+      maxRetries_(maxRetries),
+      retryPolicy_(std::move(retryPolicy)),
       operationQueue_(operationQueue != nullptr ? std::move(operationQueue) : makeTaskQueue()),
       loggingDelegate_(std::move(loggingDelegate)) {
   BRIVET_PRECONDITION(cache_ != nullptr, "a model needs a cache");
@@ -117,7 +120,7 @@ const InternalModel& TovInternalModel::internalModel() {
     }
     internalModel_.emplace(cache_, std::move(dataSource), maxRetries_,
                            std::shared_ptr<LoggingDelegate>(self, static_cast<LoggingDelegate*>(this)),
-                           operationQueue_);
+                           operationQueue_, retryPolicy_);
   });
   return *internalModel_;
 }
@@ -184,6 +187,11 @@ void TovInternalModel::invalidateWithKeyPaths(const KeyPaths& keyPaths) {
 std::shared_ptr<TovInternalModel> TovInternalModel::withoutDataSource() {
   return std::make_shared<TovInternalModel>(Passkey{}, cache_, std::nullopt, std::weak_ptr<TovHTTPClientProtocol>(),
                                             loggingDelegate(), operationQueue_);
+}
+
+std::shared_ptr<TovInternalModel> TovInternalModel::withRetries(std::int64_t maxRetries, RetryPolicy policy) {
+  return std::make_shared<TovInternalModel>(Passkey{}, cache_, url_, httpClient_, loggingDelegate(), operationQueue_,
+                                            maxRetries, std::move(policy));
 }
 
 // --- TovModelLegacy: requests ---

@@ -176,7 +176,8 @@ class TovInternalModel final : public TovModel,
   // Without an `operationQueue` the model makes its own (`withoutDataSource` copies share it).
   TovInternalModel(Passkey, std::shared_ptr<CacheProtocol> cache, std::optional<std::string> url,
                    std::weak_ptr<TovHTTPClientProtocol> httpClient, std::weak_ptr<TovLoggingDelegate> loggingDelegate,
-                   std::shared_ptr<DispatchQueue> operationQueue = nullptr);
+                   std::shared_ptr<DispatchQueue> operationQueue = nullptr, std::int64_t maxRetries = 0,
+                   RetryPolicy retryPolicy = {});
   TovInternalModel(const TovInternalModel&) = delete;
   TovInternalModel& operator=(const TovInternalModel&) = delete;
 
@@ -184,6 +185,11 @@ class TovInternalModel final : public TovModel,
   const InternalModel& internalModel();
   const std::shared_ptr<CacheProtocol>& cache() const { return cache_; }
   std::int64_t maxRetries() const { return maxRetries_; }
+  // A model over the same cache, URL, client, delegate and queue whose get,
+  // set and call repeat a request that failed for a passing reason up to
+  // `maxRetries` times (see Model::withRetries); the factory's models make
+  // one request.
+  std::shared_ptr<TovInternalModel> withRetries(std::int64_t maxRetries, RetryPolicy policy = {});
 
   // --- TovModel ---
   std::shared_ptr<TovLoggingDelegate> loggingDelegate() const override;
@@ -257,6 +263,7 @@ class TovInternalModel final : public TovModel,
   const std::optional<std::string> url_;
   const std::weak_ptr<TovHTTPClientProtocol> httpClient_;
   const std::int64_t maxRetries_ = 0;
+  const RetryPolicy retryPolicy_;
   const std::shared_ptr<DispatchQueue> operationQueue_;
   std::once_flag internalModelOnce_;
   std::optional<InternalModel> internalModel_;  // written once, under internalModelOnce_

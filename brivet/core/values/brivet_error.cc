@@ -164,6 +164,12 @@ DataSourceFailureReason DataSourceFailureReason::httpClientNil() {
   return DataSourceFailureReason(Kind::HttpClientNil);
 }
 
+DataSourceFailureReason DataSourceFailureReason::withHTTPFailure(std::int64_t statusCode, Object userInfo) && {
+  statusCode_ = statusCode;
+  userInfo_ = std::move(userInfo);
+  return std::move(*this);
+}
+
 std::optional<DataSourceFailureReason> DataSourceFailureReason::fromErrorBody(const Object& body) {
   const Dictionary* d = body.asDictionary();
   if (d == nullptr) return std::nullopt;

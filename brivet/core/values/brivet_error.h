@@ -82,7 +82,14 @@ class BrivetError {
     // array gives legacyPathBoundInnerError; anything else gives nothing.
     static std::optional<DataSourceFailureReason> fromErrorBody(const Object& body);
 
+    // The same reason remembering the HTTP failure it was read from (status and
+    // user info), for a reason made from an error body. Equality, `text()` and
+    // `description()` of such a reason are unchanged by it.
+    DataSourceFailureReason withHTTPFailure(std::int64_t statusCode, Object userInfo) &&;
+
     Kind kind() const { return kind_; }
+    // The HTTP status and user info: an httpClientError's own, or those given
+    // to `withHTTPFailure` (0 and nil otherwise).
     std::int64_t statusCode() const { return statusCode_; }
     const Object& userInfo() const { return userInfo_; }
     const std::string& code() const { return code_; }

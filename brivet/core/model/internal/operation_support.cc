@@ -1,5 +1,6 @@
 #include "brivet/core/model/internal/operation_support.h"
 
+#include <string>
 #include <vector>
 
 namespace brivet::internal {
@@ -115,6 +116,19 @@ void Run::complete() const {
 
 void Run::beginDataSource(std::string_view method, const std::string& path) {
   dataSourceID_ = beginChildInterval(dataSourceLog(), streamID_, "method=%@, path=%@", method, path);
+}
+
+void Run::beginDataSourceAttempt(std::string_view method, const std::string& path, std::int64_t attempt) {
+  dataSourceID_ = beginChildInterval(dataSourceLog(), streamID_, "method=%@, path=%@, attempt=%lu", method, path,
+                                     static_cast<unsigned long>(attempt));
+}
+
+void Run::attemptFailed(const StreamError& error, std::int64_t attempt, std::int64_t attempts,
+                        std::chrono::milliseconds delay) {
+  model_.logInfo("dataSource attempt " + std::to_string(attempt) + " of " + std::to_string(attempts) +
+                 " failed, retrying in " + std::to_string(delay.count()) + " ms: " + error.text());
+  endInterval(dataSourceLog(), dataSourceID_, "status=%@", "Error");
+  dataSourceID_ = 0;
 }
 
 void Run::accumulate(const std::optional<BrivetError>& error) {

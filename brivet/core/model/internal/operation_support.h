@@ -5,6 +5,7 @@
 // members are touched only from the task queue.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -70,6 +71,8 @@ struct Read {
   PathTree missingOptimized;
   std::optional<BrivetError> error;
 };
+// Waits until every cache write requested before it has been applied.
+void awaitEarlierWrites();
 // Reads the cache once every write requested before it has been applied, so
 // the read sees them all; the walk itself holds no queue.
 Read readCache(const CacheProtocol& cache, const PathTree& tree, bool checkExpiry);
@@ -107,6 +110,11 @@ class Run {
 
   // Opens the DataSource interval before the request.
   void beginDataSource(std::string_view method, const std::string& path);
+  // The same for attempt `attempt` (from 1) of a request that may be repeated.
+  void beginDataSourceAttempt(std::string_view method, const std::string& path, std::int64_t attempt);
+  // Closes a failed attempt that will be repeated after `delay`, and logs it as info.
+  void attemptFailed(const StreamError& error, std::int64_t attempt, std::int64_t attempts,
+                     std::chrono::milliseconds delay);
   // Gathers an error found in reading an answer back.
   void accumulate(const std::optional<BrivetError>& error);
   // The terminal rules of a data-source response: a failure is passed on; at
