@@ -6,6 +6,7 @@
 
 #include "brivet/legacy/model.h"
 #include "brivet/testing/catalogue.h"
+#include "brivet/testing/memory.h"
 
 namespace brivet {
 namespace {
@@ -115,16 +116,6 @@ void BM_LegacySnapshotRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(BM_LegacySnapshotRoundTrip)->Arg(100000)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
-std::size_t residentBytes() {
-  long pages = 0;
-  long resident = 0;
-  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-  }
-  return static_cast<std::size_t>(resident) * 4096;
-}
-
 // Memory the cache holds per cached leaf, for M + N videos (the model adopts the merged objects): heap bytes in
 // use (bytes_per_leaf) and the growth of the resident set after malloc_trim (rss_B/leaf).
 void BM_LegacyMemoryPerLeaf(benchmark::State& state) {
@@ -135,12 +126,12 @@ void BM_LegacyMemoryPerLeaf(benchmark::State& state) {
   for (auto _ : state) {
     malloc_trim(0);
     const std::size_t before = mallinfo2().uordblks;
-    const std::size_t residentBefore = residentBytes();
+    const std::size_t residentBefore = testing::residentBytes();
     auto model = modelWithVideos(0, videos);
     const std::size_t after = mallinfo2().uordblks;
     malloc_trim(0);
     perLeafBytes = static_cast<double>(after - before) / leaves;
-    perLeafResident = (static_cast<double>(residentBytes()) - static_cast<double>(residentBefore)) / leaves;
+    perLeafResident = (static_cast<double>(testing::residentBytes()) - static_cast<double>(residentBefore)) / leaves;
     state.PauseTiming();
     model.reset();
     state.ResumeTiming();

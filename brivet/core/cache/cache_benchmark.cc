@@ -14,6 +14,7 @@
 #include "brivet/core/cache/cache.h"
 #include "brivet/core/values/internal/value_access.h"
 #include "brivet/testing/catalogue.h"
+#include "brivet/testing/memory.h"
 
 namespace brivet {
 namespace {
@@ -75,16 +76,6 @@ std::shared_ptr<Cache> catalogueCache(std::size_t others, bool warm) {
     settle();
   }
   return cache;
-}
-
-std::size_t residentBytes() {
-  long pages = 0;
-  long resident = 0;
-  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-  }
-  return static_cast<std::size_t>(resident) * 4096;
 }
 
 benchmark::Counter perLeaf(const benchmark::State& state) {
@@ -261,7 +252,7 @@ void BM_CacheMemoryPerLeaf(benchmark::State& state) {
   const std::size_t videos = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     malloc_trim(0);
-    const std::size_t before = residentBytes();
+    const std::size_t before = testing::residentBytes();
     auto cache = Cache::create();
     cache->merge(JSONGraph::fromAny(testing::catalogueResponse(kItems, testing::Dialect::Core)));
     for (std::size_t first = kItems; first < videos; first += kItems) {
@@ -270,7 +261,7 @@ void BM_CacheMemoryPerLeaf(benchmark::State& state) {
     }
     settle();
     malloc_trim(0);
-    const std::size_t after = residentBytes();
+    const std::size_t after = testing::residentBytes();
     if (cache->jsonGraph().find("videos")->size() != videos) state.SkipWithError("videos lost");
     state.counters["rss_B/leaf"] = static_cast<double>(after - before) / (static_cast<double>(videos) * 5);
     state.counters["versions"] = static_cast<double>(cache->version());

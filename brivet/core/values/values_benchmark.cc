@@ -16,6 +16,7 @@
 #include "brivet/core/values/json_graph.h"
 #include "brivet/core/values/path_tree.h"
 #include "brivet/testing/catalogue.h"
+#include "brivet/testing/memory.h"
 
 namespace brivet {
 namespace {
@@ -65,16 +66,6 @@ JSONGraph catalogueGraph(std::size_t videos, std::size_t listItems) {
 }
 
 std::size_t allocatedBytes() { return mallinfo2().uordblks; }
-std::size_t residentBytes() {
-  long pages = 0;
-  long resident = 0;
-  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-  }
-  return static_cast<std::size_t>(resident) * 4096;
-}
-
 // --- Conversion ---
 
 void BM_GraphFromObjects(benchmark::State& state) {
@@ -162,12 +153,12 @@ void BM_ProbeMemoryPerLeaf(benchmark::State& state) {
   for (auto _ : state) {
     malloc_trim(0);
     const std::size_t heapBefore = allocatedBytes();
-    const std::size_t rssBefore = residentBytes();
+    const std::size_t rssBefore = testing::residentBytes();
     JSONGraph g = catalogueGraph(videos, 1000);
     const std::size_t heapAfter = allocatedBytes();
-    const std::size_t rssAfter = residentBytes();
+    const std::size_t rssAfter = testing::residentBytes();
     malloc_trim(0);  // what the allocator kept of the builders' temporary buffers goes back
-    const std::size_t rssTrimmed = residentBytes();
+    const std::size_t rssTrimmed = testing::residentBytes();
     const double leaves = static_cast<double>(videos) * kLeavesPerVideo;
     state.counters["heap_B/leaf"] = static_cast<double>(heapAfter - heapBefore) / leaves;
     state.counters["rss_B/leaf"] = static_cast<double>(rssAfter - rssBefore) / leaves;
